@@ -1,0 +1,43 @@
+# Third-party pieces, all from Debian packages.
+find_package(Threads REQUIRED)
+
+# RapidJSON is header-only (rapidjson-dev).
+find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h
+          PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+add_library(tsm_rapidjson INTERFACE)
+target_include_directories(tsm_rapidjson SYSTEM INTERFACE ${RAPIDJSON_INCLUDE_DIR})
+
+# GoogleTest: the installed libraries natively; built from Debian's
+# googletest sources for the cross build.
+if(CMAKE_CROSSCOMPILING)
+  set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
+  set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+  add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+  add_library(tsm_gtest_main INTERFACE)
+  target_link_libraries(tsm_gtest_main INTERFACE gmock gtest_main)
+else()
+  find_package(GTest REQUIRED)
+  add_library(tsm_gtest_main INTERFACE)
+  target_link_libraries(tsm_gtest_main INTERFACE GTest::gmock GTest::gtest_main Threads::Threads)
+endif()
+
+if(TSM_BENCHMARKS)
+  find_package(benchmark REQUIRED)
+  add_library(tsm_benchmark_main INTERFACE)
+  target_link_libraries(tsm_benchmark_main INTERFACE benchmark::benchmark_main Threads::Threads)
+endif()
+
+if(TSM_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(TSM_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+endif()
+
+if(WIN32)
+  # One self-contained binary per target: without -static the programs import
+  # libwinpthread-1.dll and do not start under Wine.
+  add_link_options(-static)
+  add_compile_definitions(UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX)
+endif()

@@ -1,0 +1,51 @@
+# One helper declares every target of the tree, so that foo.h, foo.cpp,
+# foo_test.cpp and foo_benchmark.cpp sit together and are built alike.
+#
+#   tsm_target(LIBRARY   name SRCS ... [DEPS ...] [PUBLIC_DEPS ...])
+#   tsm_target(SHARED    name SRCS ... [DEPS ...])
+#   tsm_target(EXECUTABLE name SRCS ... [DEPS ...])
+#   tsm_target(TEST      name SRCS ... [DEPS ...] [LABELS ...])
+#   tsm_target(BENCHMARK name SRCS ... [DEPS ...])
+#
+# TEST targets link GoogleTest and are registered with CTest (run under Wine
+# in the Windows cross build through CMAKE_CROSSCOMPILING_EMULATOR).
+# BENCHMARK targets exist only when TSM_BENCHMARKS is on.
+
+set(TSM_WARNINGS -Wall -Wextra -Wno-unused-parameter)
+
+function(_tsm_common target)
+  target_compile_options(${target} PRIVATE ${TSM_WARNINGS})
+  target_include_directories(${target} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+endfunction()
+
+function(tsm_target kind name)
+  cmake_parse_arguments(T "" "" "SRCS;DEPS;PUBLIC_DEPS;LABELS" ${ARGN})
+  if(kind STREQUAL "LIBRARY")
+    add_library(${name} STATIC ${T_SRCS})
+    _tsm_common(${name})
+    target_link_libraries(${name} PUBLIC ${T_PUBLIC_DEPS} PRIVATE ${T_DEPS})
+  elseif(kind STREQUAL "SHARED")
+    add_library(${name} SHARED ${T_SRCS})
+    _tsm_common(${name})
+    set_target_properties(${name} PROPERTIES PREFIX "" CXX_VISIBILITY_PRESET hidden)
+    target_link_libraries(${name} PUBLIC ${T_PUBLIC_DEPS} PRIVATE ${T_DEPS})
+  elseif(kind STREQUAL "EXECUTABLE")
+    add_executable(${name} ${T_SRCS})
+    _tsm_common(${name})
+    target_link_libraries(${name} PRIVATE ${T_DEPS})
+  elseif(kind STREQUAL "TEST")
+    add_executable(${name} ${T_SRCS})
+    _tsm_common(${name})
+    target_link_libraries(${name} PRIVATE ${T_DEPS} tsm_gtest_main)
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES TIMEOUT 300 LABELS "${T_LABELS}")
+  elseif(kind STREQUAL "BENCHMARK")
+    if(TSM_BENCHMARKS)
+      add_executable(${name} ${T_SRCS})
+      _tsm_common(${name})
+      target_link_libraries(${name} PRIVATE ${T_DEPS} tsm_benchmark_main)
+    endif()
+  else()
+    message(FATAL_ERROR "tsm_target: unknown kind ${kind}")
+  endif()
+endfunction()

@@ -1,0 +1,348 @@
+#include "data/text.h"
+
+#include <algorithm>
+#include <climits>
+#include <cwchar>
+#include <cwctype>
+
+namespace tsm {
+
+namespace text_internal {
+
+FormatArg MakeArg(const CString& value) {
+  return {FormatArg::Kind::kText, 0, value.GetString(), static_cast<std::size_t>(value.GetLength())};
+}
+FormatArg MakeArg(const std::wstring& value) { return {FormatArg::Kind::kText, 0, value.c_str(), value.size()}; }
+FormatArg MakeArg(const wchar_t* value) {
+  const wchar_t* text = value != nullptr ? value : L"";
+  return {FormatArg::Kind::kText, 0, text, std::wcslen(text)};
+}
+
+namespace {
+
+void AppendPadded(std::wstring& out, const std::wstring& piece, int width, bool left, bool zero) {
+  const int pad = width - static_cast<int>(piece.size());
+  if (pad <= 0) {
+    out += piece;
+  } else if (left) {
+    out += piece;
+    out.append(static_cast<std::size_t>(pad), L' ');
+  } else if (zero && !piece.empty() && piece[0] == L'-') {
+    out += L'-';
+    out.append(static_cast<std::size_t>(pad), L'0');
+    out.append(piece, 1, std::wstring::npos);
+  } else {
+    out.append(static_cast<std::size_t>(pad), zero ? L'0' : L' ');
+    out += piece;
+  }
+}
+
+std::wstring ToHex(uint64_t value, bool upper) {
+  const wchar_t* digits = upper ? L"0123456789ABCDEF" : L"0123456789abcdef";
+  std::wstring result;
+  do {
+    result.insert(result.begin(), digits[value & 0xF]);
+    value >>= 4;
+  } while (value != 0);
+  return result;
+}
+
+}  // namespace
+
+// Sizes follow the Windows (LLP64) C runtime: %d and %ld print 32 bits,
+// %I64d and %lld print 64 bits. Arguments are typed, so a mismatch cannot
+// read past the list; a missing argument prints as nothing.
+std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_t count) {
+  std::wstring out;
+  std::size_t next = 0;
+  for (const wchar_t* p = format; *p != L'\0'; ++p) {
+    if (*p != L'%') {
+      out += *p;
+      continue;
+    }
+    ++p;
+    if (*p == L'%') {
+      out += L'%';
+      continue;
+    }
+    bool left = false, zero = false;
+    for (; *p == L'-' || *p == L'0' || *p == L'+' || *p == L' ' || *p == L'#'; ++p) {
+      if (*p == L'-') left = true;
+      if (*p == L'0') zero = true;
+    }
+    int width = 0;
+    for (; *p >= L'0' && *p <= L'9'; ++p) width = width * 10 + (*p - L'0');
+    bool wide64 = false;
+    if (p[0] == L'I' && p[1] == L'6' && p[2] == L'4') {
+      wide64 = true;
+      p += 3;
+    } else if (p[0] == L'l' && p[1] == L'l') {
+      wide64 = true;
+      p += 2;
+    } else if (*p == L'l' || *p == L'h') {
+      ++p;
+    }
+    if (*p == L'\0') break;
+    const FormatArg* arg = next < count ? &args[next] : nullptr;
+    ++next;
+    std::wstring piece;
+    switch (*p) {
+      case L'd':
+      case L'i':
+        if (arg != nullptr) {
+          if (arg->kind == FormatArg::Kind::kText) {
+            piece.assign(arg->text, arg->text_length);
+          } else {
+            piece = wide64 ? std::to_wstring(arg->number) : std::to_wstring(static_cast<int32_t>(arg->number));
+          }
+        }
+        break;
+      case L'u':
+        if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
+          piece = wide64 ? std::to_wstring(static_cast<uint64_t>(arg->number))
+                         : std::to_wstring(static_cast<uint32_t>(arg->number));
+        }
+        break;
+      case L'x':
+      case L'X':
+        if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
+          const uint64_t bits = wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number);
+          piece = ToHex(bits, *p == L'X');
+        }
+        break;
+      case L's':
+      case L'S':
+        if (arg != nullptr) {
+          piece = arg->kind == FormatArg::Kind::kText ? std::wstring(arg->text, arg->text_length)
+                                                      : std::to_wstring(arg->number);
+        }
+        break;
+      case L'c':
+        if (arg != nullptr && arg->kind != FormatArg::Kind::kText) piece = std::wstring(1, static_cast<wchar_t>(arg->number));
+        break;
+      default:
+        piece = std::wstring(1, *p);
+        break;
+    }
+    AppendPadded(out, piece, width, left, zero && *p != L's');
+  }
+  return out;
+}
+
+}  // namespace text_internal
+
+CString CString::FromUtf8(std::string_view utf8) { return CString(WideFromUtf8(utf8)); }
+std::string CString::ToUtf8() const { return Utf8FromWide(s_); }
+
+int CString::Find(std::wstring_view needle, int start) const {
+  if (start < 0 || start > GetLength()) return -1;
+  const std::size_t at = s_.find(needle, static_cast<std::size_t>(start));
+  return at == std::wstring::npos ? -1 : static_cast<int>(at);
+}
+
+int CString::Find(wchar_t c, int start) const {
+  if (start < 0 || start > GetLength()) return -1;
+  const std::size_t at = s_.find(c, static_cast<std::size_t>(start));
+  return at == std::wstring::npos ? -1 : static_cast<int>(at);
+}
+
+CString CString::Left(int count) const {
+  if (count <= 0) return CString();
+  return CString(s_.substr(0, static_cast<std::size_t>(count)));
+}
+
+CString CString::Mid(int start) const {
+  if (start < 0) start = 0;
+  if (start >= GetLength()) return CString();
+  return CString(s_.substr(static_cast<std::size_t>(start)));
+}
+
+CString CString::Mid(int start, int count) const {
+  if (start < 0) start = 0;
+  if (count <= 0 || start >= GetLength()) return CString();
+  return CString(s_.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(count)));
+}
+
+CString CString::Tokenize(std::wstring_view delimiters, int& pos) const {
+  if (pos < 0 || pos >= GetLength()) {
+    pos = -1;
+    return CString();
+  }
+  const std::size_t begin = s_.find_first_not_of(delimiters, static_cast<std::size_t>(pos));
+  if (begin == std::wstring::npos) {
+    pos = -1;
+    return CString();
+  }
+  std::size_t end = s_.find_first_of(delimiters, begin);
+  if (end == std::wstring::npos) end = s_.size();
+  pos = static_cast<int>(end) + 1;
+  return CString(s_.substr(begin, end - begin));
+}
+
+CString& CString::Trim() {
+  const wchar_t* space = L" \t\r\n\v\f";
+  const std::size_t begin = s_.find_first_not_of(space);
+  if (begin == std::wstring::npos) {
+    s_.clear();
+    return *this;
+  }
+  const std::size_t end = s_.find_last_not_of(space);
+  s_ = s_.substr(begin, end - begin + 1);
+  return *this;
+}
+
+int CString::Remove(wchar_t c) {
+  int removed = 0;
+  std::wstring kept;
+  kept.reserve(s_.size());
+  for (wchar_t ch : s_) {
+    if (ch == c) {
+      ++removed;
+    } else {
+      kept += ch;
+    }
+  }
+  s_.swap(kept);
+  return removed;
+}
+
+int CString::CompareNoCase(std::wstring_view other) const {
+  auto lower = [](wchar_t c) { return (c >= L'A' && c <= L'Z') ? static_cast<wchar_t>(c - L'A' + L'a') : c; };
+  const std::size_t n = std::min(s_.size(), other.size());
+  for (std::size_t i = 0; i < n; ++i) {
+    const wchar_t a = lower(s_[i]), b = lower(other[i]);
+    if (a != b) return a < b ? -1 : 1;
+  }
+  if (s_.size() == other.size()) return 0;
+  return s_.size() < other.size() ? -1 : 1;
+}
+
+bool AfxExtractSubString(CString& out, const CString& full, int index, wchar_t separator) {
+  const std::wstring& s = full.wstr();
+  std::size_t begin = 0;
+  for (int i = 0; i < index; ++i) {
+    const std::size_t at = s.find(separator, begin);
+    if (at == std::wstring::npos) {
+      out.Empty();
+      return false;
+    }
+    begin = at + 1;
+  }
+  std::size_t end = s.find(separator, begin);
+  if (end == std::wstring::npos) end = s.size();
+  out = CString(s.substr(begin, end - begin));
+  return true;
+}
+
+namespace {
+
+template <typename T>
+T ParseSaturating(std::wstring_view text, T min_value, T max_value) {
+  std::size_t i = 0;
+  while (i < text.size() && (text[i] == L' ' || (text[i] >= L'\t' && text[i] <= L'\r'))) ++i;
+  bool negative = false;
+  if (i < text.size() && (text[i] == L'+' || text[i] == L'-')) {
+    negative = text[i] == L'-';
+    ++i;
+  }
+  // Accumulate as a negative number so that the minimum fits.
+  T value = 0;
+  bool overflow = false;
+  for (; i < text.size() && text[i] >= L'0' && text[i] <= L'9'; ++i) {
+    const T digit = static_cast<T>(text[i] - L'0');
+    if (value < (min_value + digit) / 10) {
+      overflow = true;
+    } else {
+      value = static_cast<T>(value * 10 - digit);
+    }
+  }
+  if (overflow) return negative ? min_value : max_value;
+  if (!negative) return value == min_value ? max_value : static_cast<T>(-value);
+  return value;
+}
+
+}  // namespace
+
+int32_t WToL(std::wstring_view text) { return ParseSaturating<int32_t>(text, INT32_MIN, INT32_MAX); }
+int64_t WToI64(std::wstring_view text) { return ParseSaturating<int64_t>(text, INT64_MIN, INT64_MAX); }
+
+std::wstring WideFromUtf8(std::string_view utf8) {
+  std::wstring out;
+  out.reserve(utf8.size());
+  std::size_t i = 0;
+  while (i < utf8.size()) {
+    const unsigned char c = static_cast<unsigned char>(utf8[i]);
+    uint32_t cp;
+    int extra;
+    if (c < 0x80) {
+      cp = c;
+      extra = 0;
+    } else if ((c & 0xE0) == 0xC0) {
+      cp = c & 0x1F;
+      extra = 1;
+    } else if ((c & 0xF0) == 0xE0) {
+      cp = c & 0x0F;
+      extra = 2;
+    } else if ((c & 0xF8) == 0xF0) {
+      cp = c & 0x07;
+      extra = 3;
+    } else {
+      cp = 0xFFFD;
+      extra = 0;
+    }
+    ++i;
+    for (int k = 0; k < extra; ++k, ++i) {
+      if (i >= utf8.size() || (static_cast<unsigned char>(utf8[i]) & 0xC0) != 0x80) {
+        cp = 0xFFFD;
+        break;
+      }
+      cp = (cp << 6) | (static_cast<unsigned char>(utf8[i]) & 0x3F);
+    }
+    if constexpr (sizeof(wchar_t) == 2) {
+      if (cp >= 0x10000) {
+        cp -= 0x10000;
+        out += static_cast<wchar_t>(0xD800 + (cp >> 10));
+        out += static_cast<wchar_t>(0xDC00 + (cp & 0x3FF));
+        continue;
+      }
+    }
+    out += static_cast<wchar_t>(cp);
+  }
+  return out;
+}
+
+std::string Utf8FromWide(std::wstring_view wide) {
+  std::string out;
+  out.reserve(wide.size());
+  for (std::size_t i = 0; i < wide.size(); ++i) {
+    uint32_t cp = static_cast<uint32_t>(wide[i]);
+    if constexpr (sizeof(wchar_t) == 2) {
+      cp &= 0xFFFF;
+      if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < wide.size()) {
+        const uint32_t low = static_cast<uint32_t>(wide[i + 1]) & 0xFFFF;
+        if (low >= 0xDC00 && low < 0xE000) {
+          cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+          ++i;
+        }
+      }
+    }
+    if (cp < 0x80) {
+      out += static_cast<char>(cp);
+    } else if (cp < 0x800) {
+      out += static_cast<char>(0xC0 | (cp >> 6));
+      out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else if (cp < 0x10000) {
+      out += static_cast<char>(0xE0 | (cp >> 12));
+      out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else {
+      out += static_cast<char>(0xF0 | (cp >> 18));
+      out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+      out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (cp & 0x3F));
+    }
+  }
+  return out;
+}
+
+}  // namespace tsm

@@ -1,0 +1,123 @@
+// `CString`: the one wide text type of the component (wchar_t: UTF-16 on
+// Windows, where it maps to BSTR at the COM boundary; UTF-32 on Linux), with
+// the MFC-shaped operations the component uses, printf-style formatting with
+// the Windows meaning of "%ld" (32-bit) and "%I64d", and the C runtime's
+// `_wtol`/`_wtoi64` number parsing.
+//
+// Threading: a value type; no shared state.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace tsm {
+
+class CString;
+
+namespace text_internal {
+struct FormatArg {
+  enum class Kind { kSigned, kUnsigned, kText } kind;
+  int64_t number = 0;
+  const wchar_t* text = nullptr;
+  std::size_t text_length = 0;
+};
+FormatArg MakeArg(const CString& value);
+FormatArg MakeArg(const std::wstring& value);
+FormatArg MakeArg(const wchar_t* value);
+template <typename T, typename = std::enable_if_t<std::is_integral_v<T>>>
+FormatArg MakeArg(T value) {
+  if constexpr (std::is_signed_v<T>) {
+    return {FormatArg::Kind::kSigned, static_cast<int64_t>(value)};
+  } else {
+    return {FormatArg::Kind::kUnsigned, static_cast<int64_t>(value)};
+  }
+}
+std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_t count);
+}  // namespace text_internal
+
+class CString {
+ public:
+  CString() = default;
+  CString(const wchar_t* text) : s_(text != nullptr ? text : L"") {}  // NOLINT: MFC-style implicit
+  CString(const wchar_t* text, std::size_t length) : s_(text, length) {}
+  CString(std::wstring text) : s_(std::move(text)) {}  // NOLINT
+  CString(std::wstring_view text) : s_(text) {}        // NOLINT
+
+  static CString FromUtf8(std::string_view utf8);
+  std::string ToUtf8() const;
+
+  const wchar_t* GetString() const { return s_.c_str(); }
+  const std::wstring& wstr() const { return s_; }
+  int GetLength() const { return static_cast<int>(s_.size()); }
+  bool IsEmpty() const { return s_.empty(); }
+  void Empty() { s_.clear(); }
+  wchar_t operator[](int index) const { return s_[static_cast<std::size_t>(index)]; }
+
+  // Index of the first occurrence at or after `start`, or -1.
+  int Find(std::wstring_view needle, int start = 0) const;
+  int Find(wchar_t c, int start = 0) const;
+  CString Left(int count) const;
+  CString Mid(int start) const;
+  CString Mid(int start, int count) const;
+  // MFC's Tokenize: skips leading delimiters, returns the next token and moves
+  // `pos` past it; at the end returns empty text and sets `pos` to -1.
+  CString Tokenize(std::wstring_view delimiters, int& pos) const;
+  // Trims white space at both ends.
+  CString& Trim();
+  // Removes every `c`; returns how many were removed.
+  int Remove(wchar_t c);
+  int Compare(const CString& other) const { return s_.compare(other.s_); }
+  // Case-insensitive for ASCII letters.
+  int CompareNoCase(std::wstring_view other) const;
+
+  template <typename... Args>
+  void Format(const wchar_t* format, const Args&... args) {
+    const text_internal::FormatArg list[] = {text_internal::MakeArg(args)..., text_internal::FormatArg{}};
+    s_ = text_internal::FormatArgs(format, list, sizeof...(Args));
+  }
+  template <typename... Args>
+  static CString Formatted(const wchar_t* format, const Args&... args) {
+    CString result;
+    result.Format(format, args...);
+    return result;
+  }
+
+  CString& operator+=(const CString& other) {
+    s_ += other.s_;
+    return *this;
+  }
+  friend CString operator+(const CString& a, const CString& b) { return CString(a.s_ + b.s_); }
+  friend CString operator+(const CString& a, const wchar_t* b) { return CString(a.s_ + b); }
+  friend CString operator+(const wchar_t* a, const CString& b) { return CString(a + b.s_); }
+  friend bool operator==(const CString& a, const CString& b) { return a.s_ == b.s_; }
+  friend bool operator==(const CString& a, const wchar_t* b) { return a.s_ == b; }
+  friend bool operator<(const CString& a, const CString& b) { return a.s_ < b.s_; }
+
+ private:
+  std::wstring s_;
+};
+
+// MFC's AfxExtractSubString: piece `index` of `full` split at `separator`,
+// empty pieces kept. False (and empty text) when there are fewer pieces.
+bool AfxExtractSubString(CString& out, const CString& full, int index, wchar_t separator);
+
+// The Windows C runtime's _wtol/_wtoi: leading white space, an optional sign,
+// decimal digits up to the first other character; saturates at the 32-bit
+// limits. _wtoi64 likewise with 64 bits.
+int32_t WToL(std::wstring_view text);
+int64_t WToI64(std::wstring_view text);
+
+// UTF-8 <-> wide text, for JSON and transcripts.
+std::wstring WideFromUtf8(std::string_view utf8);
+std::string Utf8FromWide(std::wstring_view wide);
+
+}  // namespace tsm
+
+template <>
+struct std::hash<tsm::CString> {
+  std::size_t operator()(const tsm::CString& s) const noexcept { return std::hash<std::wstring>()(s.wstr()); }
+};

@@ -1,0 +1,81 @@
+#include "data/text.h"
+
+#include <gtest/gtest.h>
+
+namespace tsm {
+namespace {
+
+TEST(WToLTest, ParsesLikeTheWindowsRuntime) {
+  EXPECT_EQ(WToL(L"12abc"), 12);
+  EXPECT_EQ(WToL(L"  \t-42"), -42);
+  EXPECT_EQ(WToL(L"+7"), 7);
+  EXPECT_EQ(WToL(L"abc"), 0);
+  EXPECT_EQ(WToL(L""), 0);
+  EXPECT_EQ(WToL(L"- 5"), 0);
+}
+
+TEST(WToLTest, ResultsAre32BitAndSaturate) {
+  EXPECT_EQ(WToL(L"2147483647"), 2147483647);
+  EXPECT_EQ(WToL(L"-2147483648"), INT32_MIN);
+  EXPECT_EQ(WToL(L"2147483648"), INT32_MAX);
+  EXPECT_EQ(WToL(L"-99999999999"), INT32_MIN);
+  EXPECT_EQ(WToI64(L"9223372036854775807"), INT64_MAX);
+  EXPECT_EQ(WToI64(L"-9223372036854775808"), INT64_MIN);
+  EXPECT_EQ(WToI64(L"5000000000x"), 5000000000LL);
+}
+
+TEST(FormatTest, LongIs32BitAndI64dIs64Bit) {
+  EXPECT_EQ(CString::Formatted(L"%ld|%d|%I64d", int64_t{-2147483648LL}, 5, INT64_MIN).wstr(),
+            L"-2147483648|5|-9223372036854775808");
+  EXPECT_EQ(CString::Formatted(L"%ld", int64_t{4294967297LL}).wstr(), L"1");
+}
+
+TEST(FormatTest, TextHexAndPercent) {
+  EXPECT_EQ(CString::Formatted(L"<%s>%s", CString(L"a"), L"b").wstr(), L"<a>b");
+  EXPECT_EQ(CString::Formatted(L"%x.%d", 0x1a2b3c40u, 103).wstr(), L"1a2b3c40.103");
+  EXPECT_EQ(CString::Formatted(L"%x", 1).wstr(), L"1");
+  EXPECT_EQ(CString::Formatted(L"100%%").wstr(), L"100%");
+}
+
+TEST(CStringTest, TokenizeSkipsEmptyTokens) {
+  CString text(L";a;;b;");
+  int pos = 0;
+  EXPECT_EQ(text.Tokenize(L";", pos).wstr(), L"a");
+  EXPECT_EQ(text.Tokenize(L";", pos).wstr(), L"b");
+  EXPECT_EQ(text.Tokenize(L";", pos).wstr(), L"");
+  EXPECT_EQ(pos, -1);
+}
+
+TEST(CStringTest, ExtractSubStringKeepsEmptyPieces) {
+  CString piece;
+  EXPECT_TRUE(AfxExtractSubString(piece, L"a~~b", 1, L'~'));
+  EXPECT_EQ(piece.wstr(), L"");
+  EXPECT_TRUE(AfxExtractSubString(piece, L"a~~b", 2, L'~'));
+  EXPECT_EQ(piece.wstr(), L"b");
+  EXPECT_FALSE(AfxExtractSubString(piece, L"a", 1, L'~'));
+  EXPECT_EQ(piece.wstr(), L"");
+}
+
+TEST(CStringTest, TrimRemoveFindMid) {
+  CString s(L"  a = 1 ");
+  s.Trim();
+  EXPECT_EQ(s.wstr(), L"a = 1");
+  CString t(L"09:00:00");
+  EXPECT_EQ(t.Remove(L':'), 2);
+  EXPECT_EQ(t.wstr(), L"090000");
+  CString u(L"x,SlicedID=S1,y");
+  EXPECT_EQ(u.Find(L"SlicedID="), 2);
+  EXPECT_EQ(u.Find(L','), 1);
+  EXPECT_EQ(u.Mid(11, 2).wstr(), L"S1");
+  EXPECT_EQ(CString(L"CancelCloseWorking").CompareNoCase(L"CANCELCLOSEWORKING"), 0);
+}
+
+TEST(CStringTest, NonAsciiTextRoundTripsThroughUtf8) {
+  const std::string utf8 = "\xE8\xB4\xA6\xE6\x88\xB7-\xF0\x9F\x98\x80";  // 账户-😀
+  const CString wide = CString::FromUtf8(utf8);
+  EXPECT_EQ(wide.ToUtf8(), utf8);
+  EXPECT_EQ(CString::Formatted(L"ACCOUNT=%s,", wide).ToUtf8(), "ACCOUNT=" + utf8 + ",");
+}
+
+}  // namespace
+}  // namespace tsm

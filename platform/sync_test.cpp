@@ -1,0 +1,108 @@
+#include "platform/sync.h"
+
+#include <atomic>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace tsm {
+namespace {
+
+TEST(CMutexTest, OwnerReentersAndReleasesLevelByLevel) {
+  CMutex mutex;
+  mutex.Lock();
+  mutex.Lock();
+  EXPECT_EQ(mutex.LevelsHeldByCaller(), 2);
+  EXPECT_TRUE(mutex.Unlock());
+  EXPECT_EQ(mutex.LevelsHeldByCaller(), 1);
+  EXPECT_TRUE(mutex.Unlock());
+  EXPECT_EQ(mutex.LevelsHeldByCaller(), 0);
+}
+
+TEST(CMutexTest, UnlockByThreadThatDoesNotOwnItDoesNothing) {
+  CMutex mutex;
+  mutex.Lock();
+  bool other_unlocked = true;
+  std::thread other([&] { other_unlocked = mutex.Unlock(); });
+  other.join();
+  EXPECT_FALSE(other_unlocked);
+  EXPECT_EQ(mutex.LevelsHeldByCaller(), 1);
+  EXPECT_TRUE(mutex.Unlock());
+}
+
+TEST(CMutexTest, UnlockWithoutLockDoesNothing) {
+  CMutex mutex;
+  EXPECT_FALSE(mutex.Unlock());
+  mutex.Lock();
+  EXPECT_TRUE(mutex.Unlock());
+}
+
+TEST(CMutexTest, LockTakenInOneCallIsReleasedInALaterCallOnTheSameThread) {
+  CMutex mutex;
+  auto first_call = [&] { mutex.Lock(); };
+  auto second_call = [&] { return mutex.Unlock(); };
+  first_call();
+  std::atomic<bool> other_got_it{false};
+  std::thread other([&] {
+    mutex.Lock();
+    other_got_it = true;
+    mutex.Unlock();
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // real-time: the other thread must be blocked
+  EXPECT_FALSE(other_got_it.load());
+  EXPECT_TRUE(second_call());
+  other.join();
+  EXPECT_TRUE(other_got_it.load());
+}
+
+TEST(CMutexTest, ExcludesOtherThreads) {
+  CMutex mutex;
+  int counter = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 2000; ++i) {
+        ScopedLock<CMutex> guard(mutex);
+        ++counter;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(counter, 8000);
+}
+
+TEST(CEventTest, AutoResetEventIsTakenByOneWait) {
+  CEvent event(false, true);
+  EXPECT_TRUE(event.Wait(0));
+  EXPECT_FALSE(event.Wait(0));
+  event.Set();
+  EXPECT_TRUE(event.Wait(0));
+}
+
+TEST(CEventTest, ManualResetEventStaysSignalledUntilReset) {
+  CEvent event(true, false);
+  EXPECT_FALSE(event.Wait(0));
+  event.Set();
+  EXPECT_TRUE(event.Wait(0));
+  EXPECT_TRUE(event.Wait(0));
+  event.Reset();
+  EXPECT_FALSE(event.Wait(0));
+}
+
+TEST(CEventTest, WaitReturnsWhenAnotherThreadSets) {
+  CEvent event(false, false);
+  std::thread setter([&] { event.Set(); });
+  EXPECT_TRUE(event.Wait(-1));
+  setter.join();
+}
+
+TEST(CCriticalSectionTest, IsRecursive) {
+  CCriticalSection cs;
+  EXPECT_TRUE(cs.Lock());
+  EXPECT_TRUE(cs.Lock());
+  EXPECT_TRUE(cs.Unlock());
+  EXPECT_TRUE(cs.Unlock());
+}
+
+}  // namespace
+}  // namespace tsm

@@ -1,0 +1,74 @@
+# Shared steps of scripts/test, scripts/demo and scripts/bench.
+
+JOBS=${JOBS:-$(nproc)}
+
+ensure_packages() {
+  local want_windows=${1:-0}
+  local pkgs=(cmake ninja-build g++ rapidjson-dev googletest libgtest-dev libgmock-dev libbenchmark-dev)
+  [ "$want_windows" = 1 ] && pkgs+=(mingw-w64 wine64)
+  local missing=()
+  for p in "${pkgs[@]}"; do
+    dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+  done
+  if [ ${#missing[@]} -gt 0 ]; then
+    echo "installing: ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo=sudo
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  fi
+}
+
+cmake_args_for() {
+  case "$1" in
+    debug) echo "-DCMAKE_BUILD_TYPE=Debug" ;;
+    release) echo "-DCMAKE_BUILD_TYPE=Release -DTSM_BENCHMARKS=ON" ;;
+    asan) echo "-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTSM_SANITIZE=address" ;;
+    tsan) echo "-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTSM_SANITIZE=thread" ;;
+    windows) echo "-DCMAKE_BUILD_TYPE=Release -DCMAKE_TOOLCHAIN_FILE=$PWD/cmake/mingw-w64-x86_64.cmake" ;;
+    *) echo "unknown configuration: $1" >&2; return 1 ;;
+  esac
+}
+
+configure_and_build() {
+  local config=$1 dir=build/$1 args
+  args=$(cmake_args_for "$config") || return 1
+  mkdir -p build
+  # shellcheck disable=SC2086
+  cmake -S . -B "$dir" -G Ninja $args >"$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; return 1; }
+  cmake --build "$dir" -j "$JOBS" 2>&1 | grep -E 'error|warning|FAILED' | head -50
+  cmake --build "$dir" -j "$JOBS" >/dev/null 2>&1
+}
+
+start_wine() {
+  export WINEPREFIX=$PWD/build/windows/wineprefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+  mkdir -p "$WINEPREFIX"
+  wineserver -p 30
+  wine wineboot </dev/null >/dev/null 2>&1
+}
+
+stop_wine() {
+  wineserver -k >/dev/null 2>&1 || true
+}
+
+# Runs CTest in build/$1; sets CTEST_PASSED and CTEST_FAILED.
+run_ctest() {
+  local config=$1 dir=build/$1 log
+  log=$(mktemp)
+  local env_prefix=()
+  case "$config" in
+    asan) export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+          export LSAN_OPTIONS=suppressions=$PWD/scripts/lsan.supp ;;
+    tsan) export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/scripts/tsan.supp"
+          # ThreadSanitizer needs the classic address layout on kernels with high mmap entropy.
+          env_prefix=(setarch "$(uname -m)" -R) ;;
+    windows) start_wine ;;
+  esac
+  (cd "$dir" && "${env_prefix[@]}" ctest --output-on-failure -j "$JOBS" --timeout 600) >"$log" 2>&1
+  [ "$config" = windows ] && stop_wine
+  grep -E 'tests passed|Failed|\*\*\*|Timeout|Exception' "$log" | grep -v '^ *[0-9]*/[0-9]* Test.*Passed' | tail -40
+  CTEST_PASSED=$(grep -cE '^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed' "$log")
+  CTEST_FAILED=$(grep -cE '^ *[0-9]+/[0-9]+ Test +#[0-9]+: .*(\*\*\*|Failed|Timeout|Exception)' "$log")
+  if grep -q 'No tests were found' "$log"; then CTEST_FAILED=$((CTEST_FAILED + 1)); fi
+  rm -f "$log"
+}
