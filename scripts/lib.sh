@@ -1,6 +1,8 @@
 # Shared steps of scripts/test, scripts/demo and scripts/bench.
 
 JOBS=${JOBS:-$(nproc)}
+# Several working copies of the build can live side by side (BUILD_ROOT=build-x).
+BUILD_ROOT=${BUILD_ROOT:-build}
 
 ensure_packages() {
   local want_windows=${1:-0}
@@ -31,9 +33,9 @@ cmake_args_for() {
 }
 
 configure_and_build() {
-  local config=$1 dir=build/$1 args
+  local config=$1 dir=$BUILD_ROOT/$1 args
   args=$(cmake_args_for "$config") || return 1
-  mkdir -p build
+  mkdir -p "$BUILD_ROOT"
   # shellcheck disable=SC2086
   cmake -S . -B "$dir" -G Ninja $args >"$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; return 1; }
   cmake --build "$dir" -j "$JOBS" 2>&1 | grep -E 'error|warning|FAILED' | head -50
@@ -41,7 +43,7 @@ configure_and_build() {
 }
 
 start_wine() {
-  export WINEPREFIX=$PWD/build/windows/wineprefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+  export WINEPREFIX=$PWD/$BUILD_ROOT/windows/wineprefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
   mkdir -p "$WINEPREFIX"
   wineserver -p 30
   wine wineboot </dev/null >/dev/null 2>&1
@@ -53,7 +55,7 @@ stop_wine() {
 
 # Runs CTest in build/$1; sets CTEST_PASSED and CTEST_FAILED.
 run_ctest() {
-  local config=$1 dir=build/$1 log
+  local config=$1 dir=$BUILD_ROOT/$1 log
   log=$(mktemp)
   local env_prefix=()
   case "$config" in
