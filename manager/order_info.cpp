@@ -1,0 +1,114 @@
+// Order intake for "TRADE.HOT.MONTH": a child order of a slicing is linked to
+// its slice and parent, listened to (except slice-all children), and given a
+// per-order timer when its slice is timed; an order of a slice cancelled
+// meanwhile is marked cancelled instead.
+#include "manager/trade_slice_manager.h"
+
+namespace tsm {
+
+void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
+  CBaseData* record = CBaseData::FromCookie(static_cast<uint32_t>(cookie), nullptr, &clock_);
+  if (record == nullptr) return;
+  const CString slice_id = record->GetString(L"SliceID");
+  const CString level_key = record->GetString(L"LevelKey");
+  if (slice_id.IsEmpty() || m_mapListenedSlice.Contains(level_key)) {
+    delete record;
+    Log(L"ParseOrderInfo:End");
+    return;
+  }
+  record->GetString(L"GroupID");
+  const int32_t exec_type = record->GetLong(L"ExecType", INT32_MIN);
+  const int32_t group_type = record->GetLong(L"GroupType", INT32_MIN);
+  const int32_t sliced_type = record->GetLong(L"SlicedType", 0);
+  Log(CString::Formatted(L"ParseOrderInfo: LevelKey=%s, ExecType=%ld, SliceID=%s, GroupType=%ld", level_key,
+                         exec_type, slice_id, group_type));
+
+  bool cancelled;
+  {
+    ScopedLock<CMutex> guard(m_mutexSlice);
+    cancelled = m_mapCancelledSlices.Contains(slice_id);
+  }
+  if (cancelled) {
+    Log(L"Cancel SliceOrder:" + level_key);
+    const int32_t update = record->BeginUpdate();
+    record->SetData(update, kKindFieldByName, Variant::Text(L"ExecType"), Variant::I4(8));
+    record->SetData(update, kKindFieldByName, Variant::Text(L"LeavesQty"), Variant::I4(0));
+    record->EndUpdate(update);
+    delete record;
+    return;
+  }
+
+  void* earlier = nullptr;
+  {
+    ScopedLock<CMutex> guard(m_mutexOrder);
+    m_mapLevelKeyToOrderData.Lookup(level_key, earlier);
+    m_mapLevelKeyToOrderData.SetAt(level_key, record);
+    m_mapOrderIndex.SetAt(level_key, order_index);
+  }
+  if (earlier != nullptr) {
+    // A record the registry already held under this key is replaced; it goes
+    // the way of every dropped record.
+    ScopedLock<CMutex> guard(m_mutexCleanup);
+    m_arrRetiredRecords.push_back(static_cast<CBaseData*>(earlier));
+  }
+  if (group_type == 2) {
+    record->GetString(L"GroupPrefix");
+    ScopedLock<CMutex> guard(m_mutexOrder);
+    CString parent_key;
+    if (m_mapSliceIDToLevelKey.Lookup(slice_id, parent_key)) {
+      int32_t count = 0;
+      m_mapGroupCount.Lookup(parent_key, count);
+      m_mapGroupCount.SetAt(parent_key, count + 1);
+    }
+  }
+  {
+    ScopedLock<CMutex> guard(m_mutexSlice);
+    CString listed;
+    if (m_mapSliceToListened.Lookup(slice_id, listed)) {
+      m_mapSliceToListened.SetAt(slice_id, CString::Formatted(L"%s,%s", listed, level_key));
+    } else {
+      m_mapSliceToListened.SetAt(slice_id, level_key);
+    }
+  }
+  if (sliced_type == 4) {
+    Log(L"ParseOrderInfo:End");  // children of a slice-all are not listened to
+    return;
+  }
+
+  m_mapListenedSlice.SetAt(level_key, slice_id);
+  CBaseData* listened = CBaseData::FromCookie(static_cast<uint32_t>(cookie), this, &clock_);
+  m_mapListenedOrders.SetAt(level_key, listened);
+  Log(CString::Formatted(L"ParseOrderInfo: Listen=%s", level_key));
+
+  // The timer branch keys on the order's SlicedType 0 but on the type 2 kept
+  // in the slice parameters: two separate tests, on purpose.
+  if (sliced_type == 0 && listened != nullptr) {
+    const int32_t client_modify_new = listened->GetLong(L"ClientModifyNew", 0);
+    const int32_t new_chase = listened->GetLong(L"NewChase", 0);
+    CString params;
+    {
+      ScopedLock<CMutex> guard(m_mutexOrder);
+      m_mapSliceParams.Lookup(slice_id, params);
+    }
+    if (!params.IsEmpty() && client_modify_new == 0 && new_chase == 0) {
+      int pos = 0;
+      const int32_t type = WToL(params.Tokenize(L",", pos).wstr());
+      const int32_t interval = WToL(params.Tokenize(L",", pos).wstr());
+      const int32_t leftover_action = WToL(params.Tokenize(L",", pos).wstr());
+      if (type == 2) {
+        ScopedLock<CMutex> guard(m_mutexTimer);
+        if (!m_mapOrderToTimer.Contains(level_key)) {
+          const int32_t id = NextOrderTimerId();
+          const CString id_text = CString::Formatted(L"%ld", id);
+          m_mapTimerToOrder.SetAt(id_text, level_key);
+          m_mapOrderToTimer.SetAt(level_key, id_text);
+          m_timer.StartTimer(static_cast<unsigned>(id), interval, &OnTimerTick, this);
+          Log(CString::Formatted(L"Timer Order: Interval=%d, LeftoverAction=%d", interval, leftover_action));
+        }
+      }
+    }
+  }
+  Log(L"ParseOrderInfo:End");
+}
+
+}  // namespace tsm

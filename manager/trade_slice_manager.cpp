@@ -1,0 +1,194 @@
+#include "manager/trade_slice_manager.h"
+
+#include <cstdlib>
+#include <mutex>
+
+#include "platform/clock.h"
+
+namespace tsm {
+
+namespace {
+
+// Records the object still held when it went away: kept reachable and never
+// freed, as the object never frees them itself.
+struct AbandonedRecords {
+  std::mutex lock;  // guards records
+  std::vector<CBaseData*> records;
+};
+AbandonedRecords& Abandoned() {
+  static AbandonedRecords* keeper = new AbandonedRecords();
+  return *keeper;
+}
+
+}  // namespace
+
+CTradeSliceManager::CTradeSliceManager(IClock* clock)
+    : clock_(clock != nullptr ? *clock : RealClock()), random_(&std::rand), m_timer(&clock_) {}
+
+CTradeSliceManager::~CTradeSliceManager() {
+  // Timer callbacks and the worker use the members below: end them first.
+  m_timer.Shutdown();
+  StopVolumeWorkerForDestruction();
+  AbandonRecords();
+  for (CBaseData* record : m_arrRetiredRecords) delete record;
+  m_mapSessionTimes.ForEach([](const CString&, void* table) { delete static_cast<std::vector<stcOCTime>*>(table); });
+  m_mapSliceAllBatches.ForEach([](const CString&, void* batch) { delete static_cast<CStringArray*>(batch); });
+  for (CStringArray* batch : m_arrDroppedBatches) delete batch;
+  m_mapWaitOpenOrders.ForEach([](const CString&, void* wait) { delete static_cast<stcWaitOrder*>(wait); });
+  for (stcWaitOrder* wait : m_arrReplacedWaits) delete wait;
+  m_mapVolumeWatch.ForEach([](const CString&, void* entry) { delete static_cast<VolumeWatchEntry*>(entry); });
+}
+
+void CTradeSliceManager::AbandonRecords() {
+  std::vector<CBaseData*> kept;
+  auto keep = [&kept](CBaseData* record) {
+    if (record == nullptr) return;
+    record->Disconnect();
+    kept.push_back(record);
+  };
+  keep(m_pSystemTime.exchange(nullptr));
+  keep(m_pSecurityInfo);
+  m_pSecurityInfo = nullptr;
+  m_mapListenedOrders.ForEach([&](const CString&, void* r) { keep(static_cast<CBaseData*>(r)); });
+  m_mapLevelKeyToOrderData.ForEach([&](const CString&, void* r) { keep(static_cast<CBaseData*>(r)); });
+  m_mapVolumeWatch.ForEach([&](const CString&, void* e) {
+    auto* entry = static_cast<VolumeWatchEntry*>(e);
+    keep(entry->pQuote);
+    entry->pQuote = nullptr;
+  });
+  m_mapListenedOrders.RemoveAll();
+  m_mapLevelKeyToOrderData.RemoveAll();
+  AbandonedRecords& abandoned = Abandoned();
+  std::lock_guard<std::mutex> guard(abandoned.lock);
+  abandoned.records.insert(abandoned.records.end(), kept.begin(), kept.end());
+}
+
+uint32_t CTradeSliceManager::AddRef() { return ++ref_count_; }
+
+uint32_t CTradeSliceManager::Release() {
+  const uint32_t count = --ref_count_;
+  if (count == 0) delete this;
+  return count;
+}
+
+HResult CTradeSliceManager::Advise(INordaManagerEvents* sink, uint32_t* cookie) { return AdviseSink(sink, cookie); }
+
+HResult CTradeSliceManager::Unadvise(uint32_t cookie) { return UnadviseSink(cookie); }
+
+void CTradeSliceManager::Log(const CString& text) {
+  Fire_WriteLog(CString::Formatted(L"<CTradeSliceManager>%s", text).wstr());
+}
+
+CBaseData* CTradeSliceManager::GetTopicRecord(const CString& topic, CBaseDataEventReceiver* receiver) {
+  const uint32_t cookie = Fire_GetTopicData(topic.wstr());
+  if (cookie == 0) return nullptr;
+  return CBaseData::FromCookie(cookie, receiver, &clock_);
+}
+
+Variant CTradeSliceManager::SendTopic(const CString& topic, int32_t param1, int32_t param2, const CString& text,
+                                      Variant* data) {
+  Variant empty;
+  Variant result;
+  Fire_SendTopic(topic.wstr(), param1, param2, text.wstr(), data != nullptr ? data : &empty, &result);
+  return result;
+}
+
+HResult CTradeSliceManager::SetStage(int32_t kind, int32_t stage) {
+  if (kind != 1) return kS_OK;
+  try {
+    if (stage == 1) {
+      for (const wchar_t* topic : {L"TRADE.HOT.MONTH", L"TRADE.SLICE.MANAGER", L"TRADE.SLICE.MANAGER.CANCEL",
+                                   L"TRADE.SLICE.ORDER", L"ORDERSET.LOCK", L"ORDERSET.UNLOCK"}) {
+        Variant ignored;
+        Fire_RegisterTopic(topic, &ignored);
+      }
+      m_mapSliceIDToLevelKey.InitHashTable(kHashSize);
+      m_mapLevelKeyToOrderData.InitHashTable(kHashSize);
+      m_mapOrderIndex.InitHashTable(kHashSize);
+      m_mapSpareValue.InitHashTable(kHashSize);
+      m_mapGroupCount.InitHashTable(kHashSize);
+      m_mapListenedSlice.InitHashTable(kHashSize);
+      m_mapListenedOrders.InitHashTable(kHashSize);
+    } else if (stage == 2) {
+      StartVolumeWorker();
+      CBaseData* system_time = GetTopicRecord(L"NordaSystemTime", this);
+      delete m_pSystemTime.exchange(system_time);  // a repeated stage 2 replaces the earlier record
+      CBaseData* security_info = GetTopicRecord(L"Security.Info", nullptr);
+      {
+        ScopedLock<CMutex> guard(m_mutexRecords);
+        delete m_pSecurityInfo;
+        m_pSecurityInfo = security_info;
+        if (m_pSecurityInfo != nullptr) m_nVaultMode = m_pSecurityInfo->GetLong(L"VAULT", 0);
+      }
+      if (CBaseData* permissions = GetTopicRecord(L"PERMISSIONS.General", nullptr)) {
+        m_nLoginType = permissions->GetLong(L"LoginType", 0);
+        delete permissions;
+      }
+    } else if (stage == 4) {
+      m_nRunning = 0;
+      CloseWorkerEvent();
+      m_timer.StopTimer(kTimerSendQueue);
+      m_timer.StopTimer(kTimerFinish);
+      m_timer.StopTimer(kTimerRetire);
+      m_timer.StopTimer(kTimerFree);
+      delete m_pSystemTime.exchange(nullptr);
+      ScopedLock<CMutex> guard(m_mutexRecords);
+      delete m_pSecurityInfo;
+      m_pSecurityInfo = nullptr;
+    }
+  } catch (...) {
+    // Nothing is reported to the host; the stage simply ends here.
+  }
+  return kS_OK;
+}
+
+HResult CTradeSliceManager::SetTopic(const std::wstring& topic, int32_t param1, int32_t param2,
+                                     const std::wstring& text, Variant* data) {
+  try {
+    const CString name(topic);
+    Log(CString::Formatted(L"SetTopic:%s, %s", name, text));
+    const bool has_record = data != nullptr && data->type() == VarType::I4;
+    const int32_t cookie = has_record ? data->i4() : 0;
+    if (name == L"TRADE.HOT.MONTH") {
+      if (has_record) ParseOrderInfo(cookie, WToL(text));
+    } else if (name == L"TRADE.SLICE.MANAGER") {
+      if (has_record) KeepSliceOrder(cookie, WToL(text));
+    } else if (name == L"TRADE.SLICE.MANAGER.CANCEL") {
+      if (has_record) {
+        if (param2 == 1) {
+          CancelSliceOrder(cookie, text, 0);
+        } else if (param2 == 2) {
+          Log(L"SetTopic:Cancel ALL");
+          CancelSliceOrder(cookie, text, 1);
+        }
+      }
+    } else if (name == L"TRADE.SLICE.ORDER") {
+      if (has_record) SliceOrder(cookie);
+    } else if (name == L"ORDERSET.LOCK") {
+      m_mutexOrder.Lock();  // held until ORDERSET.UNLOCK, on this thread
+      m_mapOrderIndex.RemoveAll();
+    } else if (name == L"ORDERSET.UNLOCK") {
+      OnOrderSetUnlock();
+    }
+  } catch (...) {
+    // No exception crosses the host boundary.
+  }
+  return kS_OK;
+}
+
+void CTradeSliceManager::OnOrderSetUnlock() {
+  if (CBaseData* order_set = GetTopicRecord(L"TRADE.ORDERSET", nullptr)) {
+    const int32_t count = order_set->GetCount();
+    for (int32_t i = 0; i < count; ++i) {
+      CBaseData* child = order_set->GetChildAt(i, nullptr);
+      if (child == nullptr) continue;
+      const CString key = child->GetString(L"LevelKey");
+      delete child;
+      if (!key.IsEmpty()) m_mapOrderIndex.SetAt(key, i);
+    }
+    delete order_set;
+  }
+  m_mutexOrder.Unlock();
+}
+
+}  // namespace tsm

@@ -1,0 +1,71 @@
+// The open/close time check: is the order's security inside one of its
+// trading sessions now (exchange time = UTC + the host's time offset)? When
+// not, the order is parked with the time its next session opens.
+#include "manager/trade_slice_manager.h"
+
+namespace tsm {
+
+CString SecurityKeyOf(const CString& symbol_id);
+
+int32_t CTradeSliceManager::CheckOpenCloseTime(CBaseData* order, const CString& symbol_id) {
+  InitSecurityInfo(symbol_id);
+  std::tm tm{};
+  int32_t now = 0;  // midnight when the time cannot be broken down
+  if (clock_.ToUtc(clock_.UtcSeconds() + m_nTimeDiff, &tm)) now = (tm.tm_hour * 100 + tm.tm_min) * 100 + tm.tm_sec;
+
+  std::vector<stcOCTime> table;
+  {
+    ScopedLock<CCriticalSection> guard(m_csSessionTimes);
+    void* slot = nullptr;
+    if (m_mapSessionTimes.Lookup(SecurityKeyOf(symbol_id), slot)) table = *static_cast<std::vector<stcOCTime>*>(slot);
+  }
+  if (table.empty()) return 1;  // no known sessions: always open
+
+  bool inside = false;
+  int32_t next_open = 0;
+  int32_t o = 0, c = 0;
+  for (const stcOCTime& session : table) {
+    o = session.nOpenTime * 100;
+    c = session.nCloseTime * 100;
+    if (o < c) {
+      if (o > now) {
+        if (next_open == 0) {
+          next_open = o;
+          continue;
+        }
+        if (next_open < c) break;
+      } else if (now < c) {
+        inside = true;
+        break;
+      }
+    } else if (o > now) {
+      if (now < c) {
+        inside = true;
+        break;
+      }
+      next_open = o;
+    } else {
+      if (now > c) {
+        inside = true;
+        break;
+      }
+      next_open = o;
+    }
+  }
+  if (next_open == 0) next_open = table.front().nOpenTime * 100;
+  Log(CString::Formatted(L"CheckOpenCloseTime:%x, %ld, %ld, %ld ~ %ld", inside ? 1 : 0, now, next_open, o, c));
+  if (inside) return 1;
+
+  auto* wait = new stcWaitOrder{order, next_open, order->GetString(L"LevelKey")};
+  ScopedLock<CCriticalSection> guard(m_csWaitOpenOrders);
+  void* earlier = nullptr;
+  // An entry already parked under the key is replaced without being freed;
+  // it is kept aside until the object goes.
+  if (m_mapWaitOpenOrders.Lookup(wait->strLevelKey, earlier)) {
+    m_arrReplacedWaits.push_back(static_cast<stcWaitOrder*>(earlier));
+  }
+  m_mapWaitOpenOrders.SetAt(wait->strLevelKey, wait);
+  return 0;
+}
+
+}  // namespace tsm

@@ -1,0 +1,270 @@
+#include "slicehost/sim_host.h"
+
+#include <cstdio>
+
+#include <rapidjson/document.h>
+
+#include "data/text.h"
+
+namespace tsm::sim {
+
+namespace {
+
+std::wstring ReadText(IBaseData* object, const std::wstring& field) {
+  Variant value = object->GetData(kKindFieldByName, Variant::Text(field));
+  value.ChangeTypeToText();
+  return value.text();
+}
+
+}  // namespace
+
+std::string JsonString(const std::wstring& text) {
+  const std::string utf8 = Utf8FromWide(text);
+  std::string out = "\"";
+  for (char c : utf8) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          char buffer[8];
+          std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned>(c));
+          out += buffer;
+        } else {
+          out += c;
+        }
+    }
+  }
+  return out + "\"";
+}
+
+SimHost::SimHost(IClock& clock) : clock_(clock), start_ms_(clock.NowMs()) {}
+
+SimHost::~SimHost() {
+  IGlobalInterfaceTable* table = TsmGetGlobalInterfaceTable();
+  for (auto& [object, cookie] : published_) table->RevokeInterfaceFromGlobal(cookie);
+  for (auto& [name, object] : topics_) object->Release();
+}
+
+uint32_t SimHost::AddRef() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return ++refs_;
+}
+
+uint32_t SimHost::Release() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return --refs_;
+}
+
+int64_t SimHost::ElapsedMs() const { return clock_.NowMs() - start_ms_; }
+
+void SimHost::Record(HostEvent event) {
+  event.t_ms = ElapsedMs();
+  std::lock_guard<std::mutex> guard(lock_);
+  events_.push_back(std::move(event));
+}
+
+void SimHost::RecordCall(HostEvent event) { Record(std::move(event)); }
+
+HResult SimHost::RegisterTopic(const std::wstring& topic, Variant* result) {
+  HostEvent e;
+  e.ev = "RegisterTopic";
+  e.topic = topic;
+  Record(std::move(e));
+  if (result != nullptr) *result = Variant::I4(1);
+  return kS_OK;
+}
+
+HResult SimHost::GetTopicData(const std::wstring& topic, Variant* result) {
+  HostEvent e;
+  e.ev = "GetTopicData";
+  e.topic = topic;
+  Record(std::move(e));
+  IBaseData* object = nullptr;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto it = topics_.find(topic);
+    if (it != topics_.end()) object = it->second;
+  }
+  if (result != nullptr) *result = object != nullptr ? Variant::I4(static_cast<int32_t>(Publish(object))) : Variant();
+  return kS_OK;
+}
+
+HResult SimHost::SendTopic(const std::wstring& topic, int32_t param1, int32_t param2, const std::wstring& text,
+                           Variant* data, Variant* result) {
+  HostEvent e;
+  e.ev = "SendTopic";
+  e.topic = topic;
+  e.p1 = param1;
+  e.p2 = param2;
+  e.text = text;
+  e.data_json = DescribeData(topic, param1, param2, data);
+  if (data != nullptr) e.data = *data;
+  Record(std::move(e));
+
+  if (topic == L"MARZIPAN.REQUEST" && data != nullptr) {
+    if (text == L"STKINFO" && data->type() == VarType::BStr) {
+      std::wstring security;
+      {
+        std::lock_guard<std::mutex> guard(lock_);
+        auto it = security_texts_.find(data->text());
+        if (it != security_texts_.end()) security = it->second;
+      }
+      Write(Topic(L"MARZIPAN.REQUEST"), {{data->text(), Variant::Text(security)}});
+    } else if (param2 == 64 && data->type() == VarType::I8) {
+      std::string json;
+      std::wstring answer;
+      {
+        std::lock_guard<std::mutex> guard(lock_);
+        json = vault_json_;
+        answer = vault_answer_;
+      }
+      auto* document = reinterpret_cast<rapidjson::Document*>(static_cast<intptr_t>(data->i8()));
+      if (document != nullptr && !json.empty()) document->Parse(json.c_str());
+      if (result != nullptr) *result = Variant::Text(answer);
+    }
+  }
+  if (on_send) on_send(topic, param1, param2, text, data, result);
+  return kS_OK;
+}
+
+HResult SimHost::WriteLog(const std::wstring& line) {
+  HostEvent e;
+  e.ev = "WriteLog";
+  e.text = line;
+  Record(std::move(e));
+  return kS_OK;
+}
+
+IBaseData* SimHost::NewRecord(const std::wstring& name, const FieldList& fields) {
+  IBaseData* record = TsmCreateBaseData(name.c_str());
+  if (!fields.empty()) Write(record, fields);
+  return record;
+}
+
+void SimHost::Write(IBaseData* record, const FieldList& fields) {
+  const int32_t update = record->BeginUpdate();
+  for (const auto& [name, value] : fields) record->SetData(update, kKindFieldByName, Variant::Text(name), value);
+  record->EndUpdate(update);
+}
+
+Variant SimHost::Read(IBaseData* record, const std::wstring& field) {
+  return record->GetData(kKindFieldByName, Variant::Text(field));
+}
+
+uint32_t SimHost::Publish(IBaseData* record) {
+  std::lock_guard<std::mutex> guard(lock_);
+  auto it = published_.find(record);
+  if (it != published_.end()) return it->second;
+  uint32_t cookie = 0;
+  TsmGetGlobalInterfaceTable()->RegisterInterfaceInGlobal(record, &cookie);
+  published_[record] = cookie;
+  return cookie;
+}
+
+IBaseData* SimHost::Topic(const std::wstring& topic) {
+  std::lock_guard<std::mutex> guard(lock_);
+  auto it = topics_.find(topic);
+  if (it != topics_.end()) return it->second;
+  IBaseData* object = TsmCreateBaseData(topic.c_str());
+  topics_[topic] = object;
+  return object;
+}
+
+bool SimHost::HasTopic(const std::wstring& topic) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return topics_.count(topic) != 0;
+}
+
+void SimHost::RemoveTopic(const std::wstring& topic) {
+  IBaseData* object = nullptr;
+  uint32_t cookie = 0;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto it = topics_.find(topic);
+    if (it == topics_.end()) return;
+    object = it->second;
+    topics_.erase(it);
+    auto pub = published_.find(object);
+    if (pub != published_.end()) {
+      cookie = pub->second;
+      published_.erase(pub);
+    }
+  }
+  if (cookie != 0) TsmGetGlobalInterfaceTable()->RevokeInterfaceFromGlobal(cookie);
+  object->Release();
+}
+
+void SimHost::SetSecurityText(const std::wstring& symbol, const std::wstring& text) {
+  std::lock_guard<std::mutex> guard(lock_);
+  security_texts_[symbol] = text;
+}
+
+void SimHost::SetVaultAnswer(const std::string& json_utf8, const std::wstring& answer) {
+  std::lock_guard<std::mutex> guard(lock_);
+  vault_json_ = json_utf8;
+  vault_answer_ = answer;
+}
+
+std::string SimHost::DescribeData(const std::wstring& topic, int32_t p1, int32_t p2, const Variant* data) {
+  if (data == nullptr) return "null";
+  switch (data->type()) {
+    case VarType::Empty:
+      return "null";
+    case VarType::I4: {
+      // Records travel as cookies: name them by level key, topic or name.
+      IBaseData* object = nullptr;
+      if (data->i4() != 0 &&
+          TsmGetGlobalInterfaceTable()->GetInterfaceFromGlobal(static_cast<uint32_t>(data->i4()), &object) == kS_OK &&
+          object != nullptr) {
+        std::wstring name = ReadText(object, L"LevelKey");
+        if (name.empty()) {
+          Variant own = object->GetData(kKindName, Variant());
+          name = own.text();
+        }
+        object->Release();
+        return "{\"record\":" + JsonString(name) + "}";
+      }
+      return "{\"i4\":" + std::to_string(data->i4()) + "}";
+    }
+    case VarType::I8:
+      if (topic == L"MARZIPAN.REQUEST" && p1 == 1 && p2 == 64) return "{\"address\":true}";
+      return "{\"i8\":" + std::to_string(data->i8()) + "}";
+    case VarType::BStr:
+      return "{\"text\":" + JsonString(data->text()) + "}";
+  }
+  return "null";
+}
+
+std::vector<HostEvent> SimHost::Events() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return events_;
+}
+
+std::vector<HostEvent> SimHost::Sent(const std::wstring& topic) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  std::vector<HostEvent> sent;
+  for (const HostEvent& e : events_) {
+    if (e.ev == "SendTopic" && e.topic == topic) sent.push_back(e);
+  }
+  return sent;
+}
+
+std::vector<std::wstring> SimHost::Logs() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  std::vector<std::wstring> lines;
+  for (const HostEvent& e : events_) {
+    if (e.ev == "WriteLog") lines.push_back(e.text);
+  }
+  return lines;
+}
+
+void SimHost::ClearEvents() {
+  std::lock_guard<std::mutex> guard(lock_);
+  events_.clear();
+}
+
+}  // namespace tsm::sim

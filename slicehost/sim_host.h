@@ -1,0 +1,115 @@
+// `SimHost`: the platform host as the slice manager sees it. It serves topic
+// records made in the base-data component ("NordaSystemTime",
+// "Security.Info", "PERMISSIONS.General", "TRADE.ORDERSET",
+// "MARZIPAN.REQUEST", quote records), answers the security-information and
+// vault requests, and records every call across the host link, in order,
+// with the clock's time, for tests and transcripts. What the host does with
+// the other requests (orders, cancels) is plugged in through `on_send`.
+//
+// Threading: the manager raises events on any of its threads; every method
+// here may be called from any thread. Recorded events are kept under one
+// mutex; `on_send` runs on the raising thread, outside that mutex.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tradeslice/base_data_api.h"
+#include "tradeslice/clock.h"
+#include "tradeslice/host_api.h"
+
+namespace tsm::sim {
+
+// One call across the host link (or a simulator event of its own).
+struct HostEvent {
+  int64_t t_ms = 0;       // clock time since the host was made
+  std::string ev;         // "RegisterTopic", "GetTopicData", "SendTopic", "WriteLog", "SetStage", "SetTopic", ...
+  std::wstring topic;
+  int32_t p1 = 0;
+  int32_t p2 = 0;
+  std::wstring text;      // SendTopic/SetTopic text, WriteLog line
+  std::string data_json;  // the data argument as the transcript writes it
+  Variant data;
+};
+
+using FieldList = std::vector<std::pair<std::wstring, Variant>>;
+
+class SimHost final : public INordaManagerEvents {
+ public:
+  explicit SimHost(IClock& clock);
+  ~SimHost();
+  SimHost(const SimHost&) = delete;
+  SimHost& operator=(const SimHost&) = delete;
+
+  // The host lives as long as its owner; reference counts are kept only so
+  // that misuse shows.
+  uint32_t AddRef() override;
+  uint32_t Release() override;
+  HResult RegisterTopic(const std::wstring& topic, Variant* result) override;
+  HResult GetTopicData(const std::wstring& topic, Variant* result) override;
+  HResult SendTopic(const std::wstring& topic, int32_t param1, int32_t param2, const std::wstring& text,
+                    Variant* data, Variant* result) override;
+  HResult WriteLog(const std::wstring& line) override;
+
+  // Records. NewRecord hands the caller a reference; Publish registers an
+  // object in the interface table once (revoked when the host goes) and
+  // returns its cookie.
+  static IBaseData* NewRecord(const std::wstring& name, const FieldList& fields = {});
+  static void Write(IBaseData* record, const FieldList& fields);
+  static Variant Read(IBaseData* record, const std::wstring& field);
+  uint32_t Publish(IBaseData* record);
+
+  // The host's record of a topic, made on first use (the host keeps it).
+  IBaseData* Topic(const std::wstring& topic);
+  bool HasTopic(const std::wstring& topic) const;
+  void RemoveTopic(const std::wstring& topic);
+
+  // Answers of "MARZIPAN.REQUEST": the "|"-separated security text written
+  // under the symbol for "STKINFO", and the JSON that fills the caller's
+  // document for the vault request (1, 64) with the text answer returned.
+  void SetSecurityText(const std::wstring& symbol, const std::wstring& text);
+  void SetVaultAnswer(const std::string& json_utf8, const std::wstring& answer);
+
+  // Calls of the manager, recorded too.
+  void RecordCall(HostEvent event);
+
+  std::vector<HostEvent> Events() const;
+  std::vector<HostEvent> Sent(const std::wstring& topic) const;
+  std::vector<std::wstring> Logs() const;
+  void ClearEvents();
+  int64_t ElapsedMs() const;
+
+  // How a data argument is written: null, {"record":"NAME"}, {"i4":N},
+  // {"i8":N}, {"text":"..."}, or {"address":true} for the vault document.
+  std::string DescribeData(const std::wstring& topic, int32_t p1, int32_t p2, const Variant* data);
+
+  // Called for every SendTopic after it is recorded and the built-in
+  // answers are made, on the raising thread.
+  std::function<void(const std::wstring& topic, int32_t p1, int32_t p2, const std::wstring& text, Variant* data,
+                     Variant* result)>
+      on_send;
+
+ private:
+  void Record(HostEvent event);
+
+  IClock& clock_;
+  const int64_t start_ms_;
+  mutable std::mutex lock_;  // guards everything below
+  uint32_t refs_ = 0;
+  std::vector<HostEvent> events_;
+  std::map<std::wstring, IBaseData*> topics_;    // owned references
+  std::map<IBaseData*, uint32_t> published_;     // object -> cookie (the table holds the reference)
+  std::map<std::wstring, std::wstring> security_texts_;
+  std::string vault_json_;
+  std::wstring vault_answer_ = L"TRUE";
+};
+
+// JSON text of a string (quotes included), UTF-8.
+std::string JsonString(const std::wstring& text);
+
+}  // namespace tsm::sim

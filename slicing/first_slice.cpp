@@ -1,0 +1,58 @@
+// The first slice of a parent taken into time- or fill-driven slicing: queue
+// one child for timer 101, or, when the whole remainder fits in one child,
+// hand the parent to the end-of-slicing path.
+#include "manager/trade_slice_manager.h"
+#include "slicing/command_format.h"
+
+namespace tsm {
+
+void CTradeSliceManager::DoSlicedWorkFirst(CBaseData* parent) {
+  const int32_t total = parent->GetLong(L"LeavesQty", 0);
+  const CString slice_id = parent->GetString(L"SliceID");
+  const int32_t qty = ComputeSliceQty(parent);
+  CString level_key = parent->GetString(L"OriLevelKey");
+  if (level_key.IsEmpty()) level_key = parent->GetString(L"LevelKey");
+  parent->GetString(L"SpreadID");
+  const int32_t group_type = parent->GetLong(L"GroupType", INT32_MIN);
+  const CString group_id = parent->GetString(L"GroupID");
+  parent->GetString(L"GroupPrefix");
+  Log(CString::Formatted(L"DoSlicedWork First: NewOrderQty=%ld, TotalQty=%ld", qty, total));
+
+  if (total <= qty) {
+    // Nothing to cut: the final order sent by timer 102 carries the whole rest.
+    {
+      ScopedLock<CMutex> guard(m_mutexSlice);
+      m_arrFinishLevelKeys.push_back(level_key);
+    }
+    m_timer.StartTimer(kTimerFinish, 10, &OnTimerTick, this);
+    m_mapSliceIDToLevelKey.RemoveKey(slice_id);
+    m_mapSliceParams.RemoveKey(slice_id);
+    m_mapGroupCount.RemoveKey(level_key);
+    {
+      ScopedLock<CMutex> guard(m_mutexCleanup);
+      m_arrCleanup.push_back(level_key);
+    }
+    m_timer.StartTimer(kTimerRetire, 10000, &OnTimerTick, this);
+    return;
+  }
+
+  const int32_t rest = total - qty;
+  const int32_t update = parent->BeginUpdate();
+  parent->SetData(update, kKindFieldByName, Variant::Text(L"OrderQty"), Variant::I4(rest));
+  parent->SetData(update, kKindFieldByName, Variant::Text(L"LeavesQty"), Variant::I4(rest));
+  parent->SetData(update, kKindFieldByName, Variant::Text(L"SendQty"), Variant::I4(rest));
+  parent->EndUpdate(update);
+
+  CommandFields fields = GatherCommandFields(*parent);
+  fields.qty = qty;
+  if (group_type == 2) fields.group_id = DerivedGroupId(group_id, 1);
+  const CString command = FormatCommand(CommandTemplate::kA, fields);
+  {
+    ScopedLock<CMutex> guard(m_mutexSlice);
+    m_arrSendQueue.push_back(command);
+  }
+  Log(CString::Formatted(L"DoSlicedWork First :SendNewOrder NewOrderQty=%ld, TotalQty=%ld", qty, rest));
+  m_timer.StartTimer(kTimerSendQueue, 100, &OnTimerTick, this);
+}
+
+}  // namespace tsm

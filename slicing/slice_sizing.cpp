@@ -1,0 +1,61 @@
+// Slice sizing: the disclosed size, widened by a random amount of up to
+// "Variance" percent, rounded down to the instrument's trading lot for the
+// order's side.
+#include "manager/trade_slice_manager.h"
+
+namespace tsm {
+
+int32_t CTradeSliceManager::ComputeSliceQty(CBaseData* parent) {
+  const int32_t disclose = parent->GetLong(L"DiscloseQty", 0);
+  const int32_t variance = parent->GetLong(L"Variance", 0);
+  const int32_t r = random_();  // drawn on every call, also when it cannot matter
+  // 32-bit wrapping product, truncating division.
+  const int32_t spread =
+      static_cast<int32_t>(static_cast<uint32_t>(disclose) * static_cast<uint32_t>(variance)) / 100;
+  const int32_t modulus = static_cast<int32_t>(static_cast<uint32_t>(spread) + 1u);
+  int32_t qty;
+  if (modulus == 0) {
+    // A spread of -1 (negative "Variance" or "DiscloseQty") leaves nothing to
+    // draw from; the size is the disclosed size.
+    Log(CString::Formatted(L"ComputeSliceQty: spread -1 ignored, DiscloseQty=%ld, Variance=%ld", disclose,
+                           variance));
+    qty = disclose;
+  } else {
+    qty = static_cast<int32_t>(static_cast<uint32_t>(disclose) + static_cast<uint32_t>(r % modulus));
+  }
+
+  // Lots apply only to security types whose code holds an "S".
+  if (parent->GetString(L"SecurityType").Find(L"S") < 0) return qty;
+  const CString symbol = parent->GetString(L"Symbol");
+  Variant symbol_data = Variant::Text(symbol.wstr());
+  SendTopic(L"MARZIPAN.REQUEST", 1, 0, L"STKINFO", &symbol_data);
+  CBaseData* answer = GetTopicRecord(L"MARZIPAN.REQUEST", nullptr);
+  if (answer == nullptr) return qty;
+  const CString info = answer->GetString(symbol);
+  if (info.IsEmpty()) {
+    delete answer;
+    return qty;
+  }
+  int32_t buy_lot = 0, sell_lot = 0;
+  int pos = 0;
+  int item = 0;
+  for (CString token = info.Tokenize(L"|", pos); pos != -1; token = info.Tokenize(L"|", pos)) {
+    ++item;
+    if (item == 2) buy_lot = WToL(token.wstr());
+    if (item == 4) sell_lot = WToL(token.wstr());
+  }
+  const CString side = parent->GetString(L"Side");
+  int32_t lot;
+  if (side == L"B" || side == L"1") {
+    lot = buy_lot;
+  } else {
+    // Sells of "QX.S" symbols take the larger lot; every other sell takes the
+    // sell lot, even when it is smaller.
+    lot = (symbol.Find(L"QX.S") == 0 && buy_lot > sell_lot) ? buy_lot : sell_lot;
+  }
+  if (lot > 1) qty = (qty / lot) * lot;
+  delete answer;
+  return qty;
+}
+
+}  // namespace tsm

@@ -1,0 +1,55 @@
+#include "testing/manager_fixture.h"
+
+#include <algorithm>
+
+namespace tsm {
+
+ManagerTest::ManagerTest(int64_t start_utc_ms)
+    : clock_(start_utc_ms), host_(clock_), manager_(new CTradeSliceManager(&clock_)), peer_(manager_) {
+  manager_->AddRef();
+  manager_->Advise(&host_, &sink_cookie_);
+  manager_->SetRandomSourceForTesting(&DefaultRand);
+  clock_.AddQuiescer([] { TsmWaitEventsDelivered(); });
+}
+
+ManagerTest::~ManagerTest() {
+  manager_->Unadvise(sink_cookie_);
+  manager_->Release();
+  TsmWaitEventsDelivered();
+  bound_.clear();
+  for (IBaseData* record : records_) record->Release();
+}
+
+void ManagerTest::Start() {
+  manager_->SetStage(1, 1);
+  manager_->SetStage(1, 2);
+}
+
+IBaseData* ManagerTest::Record(const std::wstring& name, const sim::FieldList& fields) {
+  IBaseData* record = sim::SimHost::NewRecord(name, fields);
+  records_.push_back(record);
+  return record;
+}
+
+CBaseData* ManagerTest::Bound(const sim::FieldList& fields, const std::wstring& name) {
+  bound_.push_back(std::unique_ptr<CBaseData>(CBaseData::FromCookie(Publish(name, fields), nullptr, &clock_)));
+  return bound_.back().get();
+}
+
+uint32_t ManagerTest::Publish(const std::wstring& name, const sim::FieldList& fields) {
+  return host_.Publish(Record(name, fields));
+}
+
+void ManagerTest::Topic(const std::wstring& topic, int32_t p1, int32_t p2, const std::wstring& text, Variant data) {
+  manager_->SetTopic(topic, p1, p2, text, &data);
+  TsmWaitEventsDelivered();
+}
+
+std::vector<std::wstring> ManagerTest::Logs() const { return host_.Logs(); }
+
+bool ManagerTest::Logged(const std::wstring& line) const {
+  const auto logs = host_.Logs();
+  return std::find(logs.begin(), logs.end(), L"<CTradeSliceManager>" + line) != logs.end();
+}
+
+}  // namespace tsm

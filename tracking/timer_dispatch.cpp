@@ -1,0 +1,270 @@
+// Timer-driven processing: a producer queues a text and arms a fixed timer id;
+// the timer's callback stops it (every arming is one-shot) and `OnTimer`
+// works the queue on the timer's own thread. Each queue is copied and emptied
+// under its own lock and worked outside it; the end of slicing and the
+// per-order step work under the order mutex.
+#include "manager/trade_slice_manager.h"
+
+namespace tsm {
+
+namespace {
+bool IsFinalExecType(int32_t exec_type) {
+  switch (exec_type) {
+    case 3: case 5: case 7: case 8: case 10: case 21:
+      return true;
+    default:
+      return false;
+  }
+}
+}  // namespace
+
+void CTradeSliceManager::OnTimerTick(unsigned id, void* context) {
+  auto* self = static_cast<CTradeSliceManager*>(context);
+  self->m_timer.StopTimer(id);
+  self->OnTimer(id);
+}
+
+void CTradeSliceManager::OnTimer(unsigned id) {
+  if (id == kTimerSendQueue) {
+    CStringArray commands;
+    {
+      ScopedLock<CMutex> guard(m_mutexSlice);
+      commands.swap(m_arrSendQueue);
+    }
+    for (const CString& command : commands) SendSlicedOrder(command);
+  } else if (id == kTimerFinish) {
+    EndOfSlicing();
+  } else if (id == kTimerRetire) {
+    RetireRecords();
+  } else if (id == kTimerFree) {
+    FreeRetiredRecords();
+  } else if (id == kTimerWaitOrders) {
+    RetryWaitingOrders();
+  } else if (id >= kFirstBatchTimer && id <= kLastBatchTimer) {
+    SliceAllBatch(id);
+  } else {
+    OrderStep(id);
+  }
+}
+
+void CTradeSliceManager::SliceAllBatch(unsigned id) {
+  void* slot = nullptr;
+  {
+    ScopedLock<CMutex> guard(m_mutexSliceAll);
+    const CString key = CString::Formatted(L"%d", id);
+    m_mapSliceAllBatches.Lookup(key, slot);
+    m_mapSliceAllBatches.RemoveKey(key);
+  }
+  if (slot == nullptr) return;
+  std::unique_ptr<CStringArray> batch(static_cast<CStringArray*>(slot));
+  for (const CString& command : *batch) SendSlicedOrder(command);
+}
+
+void CTradeSliceManager::EndOfSlicing() {
+  CStringArray keys;
+  {
+    ScopedLock<CMutex> guard(m_mutexSlice);
+    keys.swap(m_arrFinishLevelKeys);
+  }
+  for (const CString& key : keys) {
+    Log(L"[Sliced Send End order] " + key);
+    m_mutexOrder.Lock();
+    int32_t index = -1;
+    const bool has_index = m_mapOrderIndex.Lookup(key, index);
+    void* slot = nullptr;
+    const bool has_record = m_mapLevelKeyToOrderData.Lookup(key, slot);
+    if (!(has_index && has_record && index >= 0)) {
+      Log(CString::Formatted(L"[Sliced Send End order] error:%s, %ld, %x, %x", key, index, has_index ? 1 : 0,
+                             has_record ? 1 : 0));
+    }
+    auto* parent = static_cast<CBaseData*>(slot);
+    if (parent == nullptr) {
+      Log(L"[Sliced Send End order] OriginalData is null.");
+      m_mutexOrder.Unlock();
+      continue;
+    }
+    const CString slice_id = parent->GetString(L"SliceID");
+    const int32_t sliced_type = parent->GetLong(L"SlicedType", 0);
+    if (m_mapSliceAllSet.Contains(slice_id)) {
+      m_mapLevelKeyToOrderData.RemoveKey(key);
+      m_mapOrderIndex.RemoveKey(key);
+      m_mapFinishLevelKey.SetAt(key, key);
+      m_mutexOrder.Unlock();
+      Variant cookie = Variant::I4(static_cast<int32_t>(parent->GetCookie()));
+      SendTopic(L"TRADE.TRANSFER.POSITION", 1, 1, CString(), &cookie);
+      delete parent;
+    } else if (m_mapFinishLevelKey.Contains(key)) {
+      Log(L"[Sliced Send End order] m_mapFinishLevelKey exist.");
+      m_mutexOrder.Unlock();
+    } else {
+      // A parent of type 5 stays registered after its end, deliberately.
+      if (sliced_type != 5) {
+        m_mapOrderIndex.RemoveKey(key);
+        m_mapLevelKeyToOrderData.RemoveKey(key);
+      }
+      m_mapFinishLevelKey.SetAt(key, key);
+      m_mutexOrder.Unlock();
+      Variant cookie = Variant::I4(static_cast<int32_t>(parent->GetCookie()));
+      SendTopic(L"TRADE.HOT.MONTH", 1, 1, CString::Formatted(L"%ld", index), &cookie);
+      if (sliced_type != 5) delete parent;
+    }
+  }
+}
+
+void CTradeSliceManager::RetireRecords() {
+  {
+    ScopedLock<CMutex> guard(m_mutexCleanup);
+    for (const CString& key : m_arrCleanup) {
+      void* slot = nullptr;
+      if (!m_mapListenedOrders.Lookup(key, slot)) continue;
+      auto* record = static_cast<CBaseData*>(slot);
+      if (record != nullptr) {
+        record->Disconnect();
+        m_arrRetiredRecords.push_back(record);
+      }
+      m_mapListenedOrders.RemoveKey(key);
+    }
+    m_arrCleanup.clear();
+  }
+  m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
+}
+
+void CTradeSliceManager::FreeRetiredRecords() {
+  ScopedLock<CMutex> guard(m_mutexCleanup);
+  for (CBaseData* record : m_arrRetiredRecords) delete record;
+  m_arrRetiredRecords.clear();
+  m_arrRetiredRecords.shrink_to_fit();
+}
+
+int32_t CTradeSliceManager::NextOrderTimerId() {
+  if (++m_nOrderTimerId > static_cast<int32_t>(kLastOrderTimer)) m_nOrderTimerId = kFirstOrderTimer;
+  return m_nOrderTimerId;
+}
+
+void CTradeSliceManager::RetireWaitEntry(stcWaitOrder* wait) {
+  if (wait == nullptr) return;
+  CBaseData* record = wait->pOrder;
+  bool registered = false;
+  {
+    ScopedLock<CMutex> guard(m_mutexOrder);
+    void* slot = nullptr;
+    registered = m_mapLevelKeyToOrderData.Lookup(wait->strLevelKey, slot) && slot == record;
+  }
+  delete wait;
+  // A parked record that the registry does not hold has no other owner: it
+  // leaves through the retirement path.
+  if (record != nullptr && !registered) {
+    {
+      ScopedLock<CMutex> guard(m_mutexCleanup);
+      record->Disconnect();
+      m_arrRetiredRecords.push_back(record);
+    }
+    m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
+  }
+}
+
+void CTradeSliceManager::RetryWaitingOrders() {
+  CStringArray keys;
+  {
+    ScopedLock<CCriticalSection> guard(m_csWaitOpenOrders);
+    keys.swap(m_arrDueWaitOrders);
+  }
+  std::vector<stcWaitOrder*> taken;
+  for (const CString& key : keys) {
+    ScopedLock<CCriticalSection> guard(m_csWaitOpenOrders);
+    void* slot = nullptr;
+    if (m_mapWaitOpenOrders.Lookup(key, slot)) {
+      taken.push_back(static_cast<stcWaitOrder*>(slot));
+      m_mapWaitOpenOrders.RemoveKey(key);
+    }
+  }
+  for (stcWaitOrder* wait : taken) {
+    bool registered;
+    {
+      ScopedLock<CMutex> guard(m_mutexOrder);
+      registered = m_mapLevelKeyToOrderData.Contains(wait->strLevelKey);
+    }
+    if (registered) {
+      ScopedLock<CMutex> guard(m_mutexTimer);
+      if (!m_mapOrderToTimer.Contains(wait->strLevelKey)) {
+        const int32_t id = NextOrderTimerId();
+        const CString id_text = CString::Formatted(L"%ld", id);
+        m_mapTimerToOrder.SetAt(id_text, wait->strLevelKey);
+        m_mapOrderToTimer.SetAt(wait->strLevelKey, id_text);
+        m_timer.StartTimer(static_cast<unsigned>(id), 50, &OnTimerTick, this);
+        Log(CString::Formatted(L"Timer Order: %s, %d", wait->strLevelKey, id));
+      }
+    } else if (wait->pOrder != nullptr) {
+      const int32_t cookie = static_cast<int32_t>(wait->pOrder->GetCookie());
+      int32_t index = -1;
+      {
+        ScopedLock<CMutex> guard(m_mutexOrder);
+        m_mapOrderIndex.Lookup(wait->strLevelKey, index);
+      }
+      KeepSliceOrder(cookie, index);
+    }
+    RetireWaitEntry(wait);
+  }
+}
+
+void CTradeSliceManager::OrderStep(unsigned id) {
+  const CString id_text = CString::Formatted(L"%ld", static_cast<int32_t>(id));
+  CString key;
+  {
+    ScopedLock<CMutex> guard(m_mutexTimer);
+    if (!m_mapTimerToOrder.Lookup(id_text, key)) return;
+    m_mapTimerToOrder.RemoveKey(id_text);
+    m_mapOrderToTimer.RemoveKey(key);
+  }
+  CString slice_info;
+  {
+    ScopedLock<CMutex> order_guard(m_mutexOrder);
+    void* slot = nullptr;
+    if (!m_mapLevelKeyToOrderData.Lookup(key, slot)) {
+      Log(CString::Formatted(L"m_mapLevelKeyToOrderData does not exist: LevelKey=%s", key));
+    } else if (slot != nullptr) {
+      auto* record = static_cast<CBaseData*>(slot);
+      const CString record_key = record->GetString(L"LevelKey");
+      CString parent_key;
+      if (!(record_key == key)) {
+        Log(CString::Formatted(L"OrderData LevelKey:%s != %s", record_key, key));
+      } else {
+        const int32_t exec_type = record->GetLong(L"ExecType", 0);
+        const CString slice_id = record->GetString(L"SliceID");
+        if (!m_mapSliceIDToLevelKey.Lookup(slice_id, parent_key)) {
+          Log(CString::Formatted(L"m_mapSliceIDToLevelKey not exist:%s ,%s", key, slice_id));
+        } else if (record->GetLong(L"TimeInForce", 0) == 6 ||
+                   CheckOpenCloseTime(record, record->GetString(L"Symbol")) != 0) {
+          if (!IsFinalExecType(exec_type)) m_mapSliceParams.Lookup(slice_id, slice_info);
+          void* parent_slot = nullptr;
+          if (m_mapLevelKeyToOrderData.Lookup(parent_key, parent_slot)) {
+            if (parent_slot != nullptr) {
+              DoSlicedWork(static_cast<CBaseData*>(parent_slot), record, 1);
+            } else {
+              Log(CString::Formatted(L"pOriginalData null:%s ,%s", key, parent_key));
+            }
+          } else {
+            Log(CString::Formatted(L"m_mapLevelKeyToOrderData not exist:%s ,%s", key, parent_key));
+          }
+          if (exec_type == 8) {
+            m_mapLevelKeyToOrderData.RemoveKey(key);
+            delete record;
+          }
+        }
+      }
+    }
+  }
+  if (slice_info.IsEmpty()) return;
+  Log(CString::Formatted(L"[Sliced Info] :%s, %s", key, slice_info));
+  int pos = 0;
+  slice_info.Tokenize(L",", pos);
+  slice_info.Tokenize(L",", pos);
+  const int32_t leftover_action = WToL(slice_info.Tokenize(L",", pos).wstr());
+  if (leftover_action == 1) {
+    SendTopic(L"TRADE.CANCELORDER", 2, 1, CString::Formatted(L"REPORTID=%s", key), nullptr);
+  } else if (leftover_action == 2) {
+    SendTopic(L"TRADE.REPLACEORDER", 2, 1, CString::Formatted(L"REPORTID=%s,TYPE=6,TIMEINFORCE=1", key), nullptr);
+  }
+}
+
+}  // namespace tsm

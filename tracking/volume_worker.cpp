@@ -1,0 +1,106 @@
+// The volume-slice cancel worker: one long-lived thread that checks the
+// symbols whose quotes changed and cancels the volume-sliced children that
+// have seen enough traded volume since they started being watched. Quote
+// changes only queue the symbol (on the data service's event thread), so that
+// thread never waits on the host.
+#include <mutex>
+
+#include "manager/trade_slice_manager.h"
+#include "platform/thread.h"
+
+namespace tsm {
+
+// What the worker thread shares with the object. The worker works on the
+// object only while holding owner_lock, and the object clears owner under it
+// before it goes, so the worker never touches a destroyed object.
+struct CTradeSliceManager::WorkerShared {
+  CEvent event{true, false};  // the worker event: manual reset, not signalled
+  std::mutex owner_lock;      // guards owner; held while the worker works on it
+  CTradeSliceManager* owner = nullptr;
+};
+
+void CTradeSliceManager::StartVolumeWorker() {
+  if (m_worker != nullptr) return;  // one worker per object
+  m_worker = std::make_shared<WorkerShared>();
+  m_worker->owner = this;
+  std::shared_ptr<WorkerShared> shared = m_worker;
+  StartThread([shared] { VolumeWorkerBody(shared); }, 0);
+}
+
+void CTradeSliceManager::CloseWorkerEvent() {
+  // A wait on a closed event returns at once: the worker runs one more round,
+  // sees the running flag at 0 and ends.
+  if (m_worker != nullptr) m_worker->event.Set();
+}
+
+void CTradeSliceManager::WakeVolumeWorker() {
+  if (m_worker != nullptr) m_worker->event.Set();
+}
+
+void CTradeSliceManager::StopVolumeWorkerForDestruction() {
+  if (m_worker == nullptr) return;
+  {
+    std::lock_guard<std::mutex> guard(m_worker->owner_lock);
+    m_worker->owner = nullptr;
+  }
+  m_worker->event.Set();
+  m_worker.reset();
+}
+
+void CTradeSliceManager::VolumeWorkerBody(std::shared_ptr<WorkerShared> shared) {
+  ComApartment apartment;
+  {
+    std::lock_guard<std::mutex> guard(shared->owner_lock);
+    if (shared->owner == nullptr || shared->owner->m_nRunning == 0) return;
+  }
+  for (;;) {
+    shared->event.Wait();
+    std::lock_guard<std::mutex> guard(shared->owner_lock);
+    CTradeSliceManager* self = shared->owner;
+    if (self == nullptr) return;
+    CStringArray symbols;
+    {
+      ScopedLock<CMutex> queue_guard(self->m_mutexVolumeCheck);
+      symbols.swap(self->m_arrVolumeCheck);
+      self->m_mapVolumeCheck.RemoveAll();
+    }
+    // The checks run after the queue's mutex is released: the data-event
+    // thread takes the volume mutex first and this mutex inside it, so
+    // checking under this mutex could deadlock against it.
+    for (const CString& symbol : symbols) self->VolumeCheck(symbol);
+    // Reset only after the checks: a wake-up set meanwhile is lost until the
+    // next quote change. That ordering is the required one.
+    shared->event.Reset();
+    if (self->m_nRunning == 0) return;
+  }
+}
+
+void CTradeSliceManager::VolumeCheck(const CString& symbol) {
+  ScopedLock<CMutex> volume_guard(m_mutexVolume);
+  void* slot = nullptr;
+  if (!m_mapVolumeWatch.Lookup(symbol, slot)) return;
+  auto* entry = static_cast<VolumeWatchEntry*>(slot);
+  // Without a quote record there is no traded volume to compare.
+  if (entry->pQuote == nullptr) return;
+  const int64_t traded = entry->pQuote->GetInt64ById(6);
+  for (const CString& level_key : entry->arrLevelKeys) {
+    CString slice_id, params;
+    void* start_slot = nullptr;
+    if (!m_mapListenedSlice.Lookup(level_key, slice_id)) continue;
+    if (!m_mapSliceParams.Lookup(slice_id, params)) continue;
+    if (!m_mapStartVolume.Lookup(level_key, start_slot)) continue;
+    const int64_t start = static_cast<int64_t>(reinterpret_cast<intptr_t>(start_slot));
+    // The volume step is the first number of the parameters (the slicing
+    // type, 3 for every watched child); it stays so.
+    int pos = 0;
+    const int32_t threshold = WToL(params.Tokenize(L",", pos).wstr());
+    if (traded >= start + threshold) {
+      m_mapStartVolume.RemoveKey(level_key);
+      ScopedLock<CMutex> slice_guard(m_mutexSlice);
+      Log(L"[Volume Sliced Send Cancel order] " + level_key);
+      SendTopic(L"TRADE.CANCELORDER", 2, 1, CString::Formatted(L"REPORTID=%s", level_key), nullptr);
+    }
+  }
+}
+
+}  // namespace tsm
