@@ -4,8 +4,18 @@ find_package(Threads REQUIRED)
 # RapidJSON is header-only (rapidjson-dev).
 find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h
           PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+set(TSM_RAPIDJSON_INCLUDE ${RAPIDJSON_INCLUDE_DIR})
+if(CMAKE_CROSSCOMPILING)
+  # /usr/include also holds the build machine's C library headers, which the
+  # cross compiler must never see: it gets a folder with only rapidjson/ in it.
+  set(TSM_RAPIDJSON_INCLUDE ${CMAKE_BINARY_DIR}/third_party/rapidjson_include)
+  file(MAKE_DIRECTORY ${TSM_RAPIDJSON_INCLUDE})
+  if(NOT EXISTS ${TSM_RAPIDJSON_INCLUDE}/rapidjson)
+    file(CREATE_LINK ${RAPIDJSON_INCLUDE_DIR}/rapidjson ${TSM_RAPIDJSON_INCLUDE}/rapidjson SYMBOLIC)
+  endif()
+endif()
 add_library(tsm_rapidjson INTERFACE)
-target_include_directories(tsm_rapidjson SYSTEM INTERFACE ${RAPIDJSON_INCLUDE_DIR})
+target_include_directories(tsm_rapidjson SYSTEM INTERFACE ${TSM_RAPIDJSON_INCLUDE})
 
 # GoogleTest: the installed libraries natively; built from Debian's
 # googletest sources for the cross build.

@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 
 #include "data/text.h"
 #include "tradeslice/base_data_api.h"
@@ -24,6 +25,20 @@ namespace tsm {
 
 class IClock;
 class CBaseData;
+
+// Raised out of the private load when the component's class object was had
+// but made no object; the registry fall-back is not tried then.
+class ComError : public std::runtime_error {
+ public:
+  // E_POINTER: a call that should have produced an object produced none.
+  static constexpr HResult kNoObject = static_cast<HResult>(0x80004003);
+
+  explicit ComError(HResult code) : std::runtime_error("component call failed"), code_(code) {}
+  HResult code() const { return code_; }
+
+ private:
+  HResult code_;
+};
 
 // The sink of a listened record's changes.
 class CBaseDataEventReceiver {
@@ -59,6 +74,12 @@ class CBaseData {
   // module does not lie under a "\NordaRelease\" folder or the component
   // cannot be loaded from there. The ProgID argument is ignored.
   bool LoadComponent(const CString& prog_id);
+  // The second half of LoadComponent: loads the component library at
+  // `component_path` (kept until the record dies) and binds the record to a
+  // new object of its class object. False when the library or its entry point
+  // is missing or the class object is refused; ComError(E_POINTER) when the
+  // class object makes no object. Public so that tests can load from any path.
+  bool LoadComponentFrom(const CString& component_path);
 
   int32_t BeginUpdate();
   void SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value);
@@ -102,6 +123,7 @@ class CBaseData {
   IClock* clock_;
   IBaseData* driver_ = nullptr;  // owned reference; null: not bound
   void* component_module_ = nullptr;  // library loaded by LoadComponent, freed in the destructor
+  IGlobalInterfaceTable* table_ = nullptr;  // taken on the first GetCookie
   uint32_t table_cookie_ = 0;    // registration in the interface table; 0: none
   int32_t child_count_ = -1;     // cached GetCount; negative: not read yet
   CString name_;                 // cache of GetName

@@ -48,8 +48,11 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
   if (earlier != nullptr) {
     // A record the registry already held under this key is replaced; it goes
     // the way of every dropped record.
-    ScopedLock<CMutex> guard(m_mutexCleanup);
-    m_arrRetiredRecords.push_back(static_cast<CBaseData*>(earlier));
+    {
+      ScopedLock<CMutex> guard(m_mutexCleanup);
+      m_arrRetiredRecords.push_back(static_cast<CBaseData*>(earlier));
+    }
+    m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
   }
   if (group_type == 2) {
     record->GetString(L"GroupPrefix");
@@ -77,7 +80,25 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
 
   m_mapListenedSlice.SetAt(level_key, slice_id);
   CBaseData* listened = CBaseData::FromCookie(static_cast<uint32_t>(cookie), this, &clock_);
-  m_mapListenedOrders.SetAt(level_key, listened);
+  void* earlier_listened = nullptr;
+  {
+    // Under the clean-up mutex, so that retirement sees either record whole.
+    ScopedLock<CMutex> guard(m_mutexCleanup);
+    m_mapListenedOrders.Lookup(level_key, earlier_listened);
+    m_mapListenedOrders.SetAt(level_key, listened);
+  }
+  if (earlier_listened != nullptr) {
+    // The order ended and was taken in again before its listened record was
+    // retired: that record would go on reporting every change a second time
+    // and would never be freed. It is retired now.
+    auto* record = static_cast<CBaseData*>(earlier_listened);
+    record->Disconnect();
+    {
+      ScopedLock<CMutex> guard(m_mutexCleanup);
+      m_arrRetiredRecords.push_back(record);
+    }
+    m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
+  }
   Log(CString::Formatted(L"ParseOrderInfo: Listen=%s", level_key));
 
   // The timer branch keys on the order's SlicedType 0 but on the type 2 kept

@@ -1,5 +1,6 @@
 #include "manager/trade_slice_manager.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <mutex>
 
@@ -56,6 +57,15 @@ void CTradeSliceManager::AbandonRecords() {
     keep(entry->pQuote);
     entry->pQuote = nullptr;
   });
+  // A parked order the registry does not hold is referred to by its wait
+  // entry only. The entry may outlive a record someone else freed, so the
+  // record is kept without being touched.
+  auto keep_parked = [&kept](void* w) {
+    CBaseData* record = static_cast<stcWaitOrder*>(w)->pOrder;
+    if (record != nullptr && std::find(kept.begin(), kept.end(), record) == kept.end()) kept.push_back(record);
+  };
+  m_mapWaitOpenOrders.ForEach([&](const CString&, void* w) { keep_parked(w); });
+  for (stcWaitOrder* wait : m_arrReplacedWaits) keep_parked(wait);
   m_mapListenedOrders.RemoveAll();
   m_mapLevelKeyToOrderData.RemoveAll();
   AbandonedRecords& abandoned = Abandoned();

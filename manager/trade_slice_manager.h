@@ -164,7 +164,7 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   // Members in the order the object declares them.
   CTimer m_timer;
   std::shared_ptr<WorkerShared> m_worker;  // the worker event and the worker's view of this object
-  CMutex m_mutexVolumeCheck;               // guards m_arrVolumeCheck, m_mapVolumeCheck
+  CMutex m_mutexVolumeCheck;               // guards m_arrVolumeCheck, m_mapVolumeCheck, m_worker
   std::atomic<int32_t> m_nRunning{1};      // 0 from stage 4: the worker stops
   CStringArray m_arrVolumeCheck;           // symbols whose quote changed, for the worker
   CMapStringToString m_mapVolumeCheck;     // the same symbols, each queued once
@@ -183,7 +183,7 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   CMutex m_mutexTimer;       // m_mapTimerToOrder, m_mapOrderToTimer, m_nOrderTimerId
   CMutex m_mutexSliceAll;    // m_mapSliceAllBatches, m_nSliceAllTimerId
   CMutex m_mutexGroup;       // m_mapGroupReport
-  CCriticalSection m_csSessionTimes;    // m_mapSessionTimes and the arrays in it
+  CCriticalSection m_csSessionTimes;    // m_mapSessionTimes and the arrays in it; each m_mapSessionRange access
   CCriticalSection m_csWaitOpenOrders;  // m_mapWaitOpenOrders, m_arrDueWaitOrders
   CStringArray m_arrSendQueue;          // new-order commands for timer 101
   CStringArray m_arrFinishLevelKeys;    // parents whose last portion timer 102 sends

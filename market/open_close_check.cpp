@@ -7,17 +7,52 @@ namespace tsm {
 
 CString SecurityKeyOf(const CString& symbol_id);
 
+namespace {
+
+// Appends `value` in decimal, as "%ld" prints it.
+void AppendDecimal(std::wstring& out, int32_t value) {
+  wchar_t digits[12];
+  int n = 0;
+  int64_t v = value;
+  const bool negative = v < 0;
+  if (negative) v = -v;
+  do {
+    digits[n++] = static_cast<wchar_t>(L'0' + v % 10);
+    v /= 10;
+  } while (v != 0);
+  if (negative) out += L'-';
+  while (n > 0) out += digits[--n];
+}
+
+// "CheckOpenCloseTime:%x, %ld, %ld, %ld ~ %ld", built without the formatter:
+// every check writes it.
+CString CheckLine(bool inside, int32_t now, int32_t next_open, int32_t open, int32_t close) {
+  std::wstring line = inside ? L"CheckOpenCloseTime:1, " : L"CheckOpenCloseTime:0, ";
+  line.reserve(64);
+  AppendDecimal(line, now);
+  line += L", ";
+  AppendDecimal(line, next_open);
+  line += L", ";
+  AppendDecimal(line, open);
+  line += L" ~ ";
+  AppendDecimal(line, close);
+  return CString(std::move(line));
+}
+
+}  // namespace
+
 int32_t CTradeSliceManager::CheckOpenCloseTime(CBaseData* order, const CString& symbol_id) {
   InitSecurityInfo(symbol_id);
   std::tm tm{};
   int32_t now = 0;  // midnight when the time cannot be broken down
   if (clock_.ToUtc(clock_.UtcSeconds() + m_nTimeDiff, &tm)) now = (tm.tm_hour * 100 + tm.tm_min) * 100 + tm.tm_sec;
 
+  const CString security_key = SecurityKeyOf(symbol_id);
   std::vector<stcOCTime> table;
   {
     ScopedLock<CCriticalSection> guard(m_csSessionTimes);
     void* slot = nullptr;
-    if (m_mapSessionTimes.Lookup(SecurityKeyOf(symbol_id), slot)) table = *static_cast<std::vector<stcOCTime>*>(slot);
+    if (m_mapSessionTimes.Lookup(security_key, slot)) table = *static_cast<std::vector<stcOCTime>*>(slot);
   }
   if (table.empty()) return 1;  // no known sessions: always open
 
@@ -53,7 +88,7 @@ int32_t CTradeSliceManager::CheckOpenCloseTime(CBaseData* order, const CString& 
     }
   }
   if (next_open == 0) next_open = table.front().nOpenTime * 100;
-  Log(CString::Formatted(L"CheckOpenCloseTime:%x, %ld, %ld, %ld ~ %ld", inside ? 1 : 0, now, next_open, o, c));
+  Log(CheckLine(inside, now, next_open, o, c));
   if (inside) return 1;
 
   auto* wait = new stcWaitOrder{order, next_open, order->GetString(L"LevelKey")};

@@ -13,13 +13,27 @@ namespace tsm {
 
 namespace {
 
-// The first `parts` dot-separated parts of a symbol id, empty parts skipped.
+// The first `parts` dot-separated parts of a symbol id joined with ".",
+// empty parts skipped and missing ones empty: what tokenising and "%s.%s.%s"
+// give, without the formatter on the path of every check.
 CString KeyOf(const CString& symbol_id, int parts) {
-  CString pieces[4];
-  int pos = 0;
-  for (int i = 0; i < parts; ++i) pieces[i] = symbol_id.Tokenize(L".", pos);
-  if (parts == 3) return CString::Formatted(L"%s.%s.%s", pieces[0], pieces[1], pieces[2]);
-  return CString::Formatted(L"%s.%s.%s.%s", pieces[0], pieces[1], pieces[2], pieces[3]);
+  const std::wstring& id = symbol_id.wstr();
+  std::wstring key;
+  key.reserve(id.size() + static_cast<std::size_t>(parts));
+  std::size_t pos = 0;
+  for (int i = 0; i < parts; ++i) {
+    if (i > 0) key += L'.';
+    const std::size_t begin = id.find_first_not_of(L'.', pos);
+    if (begin == std::wstring::npos) {
+      pos = id.size();
+      continue;
+    }
+    std::size_t end = id.find(L'.', begin);
+    if (end == std::wstring::npos) end = id.size();
+    key.append(id, begin, end - begin);
+    pos = end;
+  }
+  return CString(std::move(key));
 }
 
 int CompareOpenTime(const void* a, const void* b) {
@@ -48,8 +62,13 @@ void CTradeSliceManager::InitSecurityInfo(const CString& symbol_id) {
     if (m_pSecurityInfo == nullptr) return;
   }
   const CString security_key = SecurityKeyOf(symbol_id);
+  // Each look at the ranges is locked on its own; see BuildSessionTable.
+  auto initialised = [this, &security_key] {
+    ScopedLock<CCriticalSection> guard(m_csSessionTimes);
+    return m_mapSessionRange.Contains(security_key);
+  };
+  if (initialised()) return;
   const CString product_key = ProductKeyOf(symbol_id);
-  if (m_mapSessionRange.Contains(security_key)) return;
   CBaseData* entry;
   {
     ScopedLock<CMutex> guard(m_mutexRecords);
@@ -63,7 +82,7 @@ void CTradeSliceManager::InitSecurityInfo(const CString& symbol_id) {
       Log(CString::Formatted(L"InitSecurityInfo fail:%s", product_key));
       return;
     }
-    if (!m_mapSessionRange.Contains(security_key)) {
+    if (!initialised()) {
       CString text = entry->GetJsonString(security_key, L"OpenCloseTime");
       if (text.IsEmpty()) text = entry->GetJsonString(product_key, L"OpenCloseTime");
       if (text.IsEmpty()) text = entry->GetJsonString(security_key, L"TradeTime");
@@ -77,11 +96,15 @@ void CTradeSliceManager::InitSecurityInfo(const CString& symbol_id) {
   delete entry;
   const std::string narrow_security = ToSystemCodePage(security_key.wstr());
   const std::string narrow_product = ToSystemCodePage(product_key.wstr());
-  if (!document.IsObject()) return;
+  if (!document.IsObject()) {
+    // A root that is not an object has no members to look up.
+    Log(CString::Formatted(L"InitSecurityInfo document is not an object:%s", security_key));
+    return;
+  }
   auto security = document.FindMember(narrow_security.c_str());
   // No fall-back to the product key when the security is absent: deliberate.
   if (security == document.MemberEnd()) return;
-  if (m_mapSessionRange.Contains(security_key)) return;
+  if (initialised()) return;
   CString text;
   if (security->value.IsObject()) {
     auto member = security->value.FindMember("OpenCloseTime");
@@ -126,7 +149,12 @@ void CTradeSliceManager::BuildSessionTable(const CString& security_key, const CS
     close = last.Tokenize(L"~", last_pos);
     range = CString::Formatted(L"%s~%s", open, close);
   }
-  m_mapSessionRange.SetAt(security_key, range);
+  {
+    // Stored on its own: the test and the store are not one step, so two
+    // threads may build the same table; the last copy wins.
+    ScopedLock<CCriticalSection> guard(m_csSessionTimes);
+    m_mapSessionRange.SetAt(security_key, range);
+  }
   if (table.size() > 1) std::qsort(table.data(), table.size(), sizeof(stcOCTime), &CompareOpenTime);
   ScopedLock<CCriticalSection> guard(m_csSessionTimes);
   void* slot = nullptr;

@@ -7,7 +7,11 @@ namespace tsm {
 
 void CTradeSliceManager::GetInfoFromVaultDb(const CString& product_key, const CString& request, CBaseData*& entry,
                                             void* document) {
-  if (m_nVaultMode != 1) return;
+  {
+    // Stage 2 sets the mode under the same lock, possibly while a timer checks.
+    ScopedLock<CMutex> guard(m_mutexRecords);
+    if (m_nVaultMode != 1) return;
+  }
   if (entry != nullptr) {
     Log(L"GetInfoFromVaultDb not null:" + product_key);
     return;

@@ -35,12 +35,19 @@ class VirtualClock::Timer final : public ITimerWait {
 
   int Wait() override {
     std::unique_lock<std::mutex> guard(clock_->lock_);
-    // Coming back to the wait ends the expiry that Advance is waiting for.
-    in_flight_ = false;
-    clock_->changed_.notify_all();
+    // Coming back to the wait ends the expiry that Advance is waiting for,
+    // unless that expiry fired before this thread was waiting: it is taken
+    // now and its callback is still to come.
+    if (!signalled_) {
+      in_flight_ = false;
+      clock_->changed_.notify_all();
+    }
     clock_->changed_.wait(guard, [this] { return stop_ || signalled_; });
     if (stop_) {
+      // The stop wins: no callback follows for a pending expiry.
       stop_ = false;
+      in_flight_ = false;
+      clock_->changed_.notify_all();
       return 0;
     }
     signalled_ = false;
@@ -130,6 +137,13 @@ int64_t VirtualClock::SleptMs() const {
 int VirtualClock::ArmedTimerCount() const {
   std::lock_guard<std::mutex> guard(lock_);
   return static_cast<int>(std::count_if(timers_.begin(), timers_.end(), [](Timer* t) { return t->armed_; }));
+}
+
+void VirtualClock::WaitForArming() {
+  std::unique_lock<std::mutex> guard(lock_);
+  changed_.wait(guard, [this] {
+    return std::none_of(timers_.begin(), timers_.end(), [](Timer* t) { return t->pending_arm_; });
+  });
 }
 
 int64_t VirtualClock::NowMs() {

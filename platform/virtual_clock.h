@@ -40,6 +40,10 @@ class VirtualClock final : public IClock {
   int64_t SleptMs() const;
   // Timers armed and not yet expired (periodic ones count while armed).
   int ArmedTimerCount() const;
+  // Returns when every timer created so far has been armed by its thread.
+  // Ties are broken by arming order, so a host that waits here between its
+  // steps makes that order its own. Not from a thread whose timer is pending.
+  void WaitForArming();
 
   int64_t NowMs() override;
   int64_t UtcSeconds() override;

@@ -198,6 +198,13 @@ void SimHost::RemoveTopic(const std::wstring& topic) {
   object->Release();
 }
 
+void SimHost::SetTopicRecord(const std::wstring& topic, IBaseData* record) {
+  RemoveTopic(topic);
+  record->AddRef();
+  std::lock_guard<std::mutex> guard(lock_);
+  topics_[topic] = record;
+}
+
 void SimHost::SetSecurityText(const std::wstring& symbol, const std::wstring& text) {
   std::lock_guard<std::mutex> guard(lock_);
   security_texts_[symbol] = text;
@@ -242,6 +249,12 @@ std::string SimHost::DescribeData(const std::wstring& topic, int32_t p1, int32_t
 std::vector<HostEvent> SimHost::Events() const {
   std::lock_guard<std::mutex> guard(lock_);
   return events_;
+}
+
+std::vector<HostEvent> SimHost::EventsFrom(size_t first) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (first >= events_.size()) return {};
+  return std::vector<HostEvent>(events_.begin() + static_cast<std::ptrdiff_t>(first), events_.end());
 }
 
 std::vector<HostEvent> SimHost::Sent(const std::wstring& topic) const {

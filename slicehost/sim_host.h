@@ -67,6 +67,10 @@ class SimHost final : public INordaManagerEvents {
   // The host's record of a topic, made on first use (the host keeps it).
   IBaseData* Topic(const std::wstring& topic);
   bool HasTopic(const std::wstring& topic) const;
+  // Serves `record` (a reference is taken) as the host's record of `topic`
+  // from now on, in place of one `Topic` would make; an earlier record of the
+  // topic is let go as by RemoveTopic.
+  void SetTopicRecord(const std::wstring& topic, IBaseData* record);
   void RemoveTopic(const std::wstring& topic);
 
   // Answers of "MARZIPAN.REQUEST": the "|"-separated security text written
@@ -79,6 +83,8 @@ class SimHost final : public INordaManagerEvents {
   void RecordCall(HostEvent event);
 
   std::vector<HostEvent> Events() const;
+  // The events from index `first` on (empty when there are no more).
+  std::vector<HostEvent> EventsFrom(size_t first) const;
   std::vector<HostEvent> Sent(const std::wstring& topic) const;
   std::vector<std::wstring> Logs() const;
   void ClearEvents();

@@ -22,6 +22,9 @@ class CTradeSliceManagerPeer {
   explicit CTradeSliceManagerPeer(CTradeSliceManager* m) : m_(m) {}
   CTradeSliceManager& m() { return *m_; }
   CMutex& OrderMutex() { return m_->m_mutexOrder; }
+  CMutex& SliceMutex() { return m_->m_mutexSlice; }
+  CMutex& VolumeMutex() { return m_->m_mutexVolume; }
+  CCriticalSection& SessionTimesLock() { return m_->m_csSessionTimes; }
   COakMapStringToVal& OrderIndex() { return m_->m_mapOrderIndex; }
   COakMapStringToVal& GroupCount() { return m_->m_mapGroupCount; }
   CStringArray& SendQueue() { return m_->m_arrSendQueue; }
@@ -52,6 +55,12 @@ class CTradeSliceManagerPeer {
   CStringArray& DueWaitOrders() { return m_->m_arrDueWaitOrders; }
   std::vector<CBaseData*>& RetiredRecords() { return m_->m_arrRetiredRecords; }
   CTimer& Timer() { return m_->m_timer; }
+  // Whether timer `id` is armed, found by trying to arm it (undone at once).
+  bool TimerArmed(unsigned id) {
+    if (m_->m_timer.StartTimer(id, 1 << 30, &NoOp, nullptr) == 0) return true;
+    m_->m_timer.StopTimer(id);
+    return false;
+  }
   int32_t& OrderTimerId() { return m_->m_nOrderTimerId; }
   int32_t& SliceAllTimerId() { return m_->m_nSliceAllTimerId; }
   int32_t& VaultMode() { return m_->m_nVaultMode; }
@@ -60,8 +69,12 @@ class CTradeSliceManagerPeer {
   CBaseData* SystemTime() { return m_->m_pSystemTime.load(); }
   CBaseData* SecurityInfo() { return m_->m_pSecurityInfo; }
   int32_t Running() { return m_->m_nRunning.load(); }
+  // The block the volume worker shares with the object: its use count falls
+  // to 1 once the worker thread has ended, and it expires when both are gone.
+  std::weak_ptr<void> Worker() { return m_->m_worker; }
 
  private:
+  static void NoOp(unsigned, void*) {}
   CTradeSliceManager* m_;
 };
 

@@ -7,14 +7,23 @@
 // text names the waitable timer.
 //
 // Threading: all methods may be called from any thread, including from a
-// callback of the same timer (stop it, arm the same id again). The maps are
-// guarded by one owner-tracked recursive mutex that is never held while a
-// callback runs. Callbacks of different timers run concurrently.
+// callback of the same timer (stop it, arm the same id again, shut the
+// instance down). The maps are guarded by one owner-tracked recursive mutex
+// that is never held while a callback runs. Callbacks of different timers run
+// concurrently. A thread calls back only while its entry is armed, so an
+// expiry that races a StopTimer is dropped.
+//
+// Lifetime: threads cannot be ended from outside, so `Shutdown` (and the
+// destructor, which calls it) stops every timer and waits until every timer
+// thread of the instance has let go of it; only the caller's own thread, when
+// it is a timer thread of this instance, finishes later without touching the
+// instance. After Shutdown, StartTimer returns 1 without arming anything.
+// Shutdown must not be called while holding a lock that a callback waits for.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "data/containers.h"
 #include "platform/sync.h"
@@ -26,9 +35,10 @@ using TimerCallback = void (*)(unsigned id, void* context);
 
 class CTimer {
  public:
-  // Timer threads reserve this much stack: 2,000 armed timers must fit in a
-  // small resident footprint.
-  static constexpr std::size_t kThreadStackBytes = 64 * 1024;
+  // Timer threads reserve this much stack: enough for callbacks that call
+  // into the host, while 2,000 armed timers stay small (reservations are not
+  // resident).
+  static constexpr std::size_t kThreadStackBytes = 256 * 1024;
   static constexpr int kThreadAttempts = 6;
   static constexpr int64_t kThreadRetryMs = 10;
 
@@ -40,36 +50,49 @@ class CTimer {
 
   // 0 when `id` is already armed on this instance (nothing changes); 1
   // otherwise, also when the thread could not be created (reported through
-  // ReportThreadFailure).
+  // ReportThreadFailure) and after Shutdown (nothing is armed then).
   int StartTimer(unsigned id, int interval_ms, TimerCallback callback, void* context);
   // Stopping an id that is not armed does nothing.
   void StopTimer(unsigned id);
-  // Forgets the retired entry of `id`; called by a finishing timer thread.
+  // Forgets whatever retired entry `id` has. Finishing timer threads forget
+  // only their own entry, so that a re-armed and stopped id keeps its newer one.
   void RemoveRetired(unsigned id);
   // "Win32 API function 'CreateThread' fails!..." as a modal message.
   void ReportThreadFailure(uint32_t error_code);
+  // The text ReportThreadFailure shows; `system_text` empty: without the
+  // description line.
+  static CString ThreadFailureMessage(uint32_t error_code, const std::wstring& system_text);
 
-  // Stops every timer without calling back again, waits for callbacks running
-  // on other threads to return, and refuses later arming. The owner calls it
-  // before its own members go; the destructor calls it too.
+  // Stops every timer without calling back again, waits for the timer threads
+  // (callbacks included) on other threads to let go of the instance, and
+  // refuses later arming. The owner calls it before its own members go; the
+  // destructor calls it too.
   void Shutdown();
 
   // For tests and diagnostics.
   int ActiveCount();
   int RetiredCount();
+  // Timer threads of this instance that are starting or still running.
+  int ThreadCount() const;
   CString KeyFor(unsigned id) const;
 
  private:
   struct TimerEntry;
+  struct Liveness;
   static void TimerThreadProc(TimerEntry* entry);
+  // True while `entry` is the armed entry of its key.
+  bool IsArmed(const TimerEntry* entry);
+  // Removes `entry` from the retired map only if it is still the one there.
+  void RemoveRetiredEntry(const TimerEntry* entry);
 
   IClock& clock_;
   CMapStringToPtr m_mapActiveTimers;   // TimerKey -> TimerEntry*, armed timers
   CMapStringToPtr m_mapRetiredTimers;  // TimerKey -> TimerEntry*, stopped, thread finishing
   CMutex m_mutex;                      // guards both maps and shut_down_
   bool shut_down_ = false;
-  struct Liveness;
-  std::shared_ptr<Liveness> liveness_;  // lets finishing threads tell whether the owner is gone
+  // Shared with every timer thread: lets them tell whether the instance is
+  // gone, and lets Shutdown wait for them. Has its own lock (see Liveness).
+  std::shared_ptr<Liveness> liveness_;
 };
 
 }  // namespace tsm

@@ -112,19 +112,24 @@ void CTradeSliceManager::EndOfSlicing() {
 }
 
 void CTradeSliceManager::RetireRecords() {
+  std::vector<CBaseData*> retiring;
   {
     ScopedLock<CMutex> guard(m_mutexCleanup);
     for (const CString& key : m_arrCleanup) {
       void* slot = nullptr;
       if (!m_mapListenedOrders.Lookup(key, slot)) continue;
-      auto* record = static_cast<CBaseData*>(slot);
-      if (record != nullptr) {
-        record->Disconnect();
-        m_arrRetiredRecords.push_back(record);
-      }
+      if (slot != nullptr) retiring.push_back(static_cast<CBaseData*>(slot));
       m_mapListenedOrders.RemoveKey(key);
     }
     m_arrCleanup.clear();
+  }
+  // Disconnecting waits for an event of the record that is being delivered;
+  // that delivery may itself wait for the clean-up mutex, so the mutex is not
+  // held meanwhile.
+  for (CBaseData* record : retiring) record->Disconnect();
+  {
+    ScopedLock<CMutex> guard(m_mutexCleanup);
+    m_arrRetiredRecords.insert(m_arrRetiredRecords.end(), retiring.begin(), retiring.end());
   }
   m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
 }

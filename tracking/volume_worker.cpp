@@ -20,31 +20,44 @@ struct CTradeSliceManager::WorkerShared {
 };
 
 void CTradeSliceManager::StartVolumeWorker() {
-  if (m_worker != nullptr) return;  // one worker per object
-  m_worker = std::make_shared<WorkerShared>();
-  m_worker->owner = this;
-  std::shared_ptr<WorkerShared> shared = m_worker;
+  std::shared_ptr<WorkerShared> shared;
+  {
+    // Quote events read m_worker under this mutex (see WakeVolumeWorker).
+    ScopedLock<CMutex> guard(m_mutexVolumeCheck);
+    if (m_worker != nullptr) return;  // one worker per object
+    m_worker = std::make_shared<WorkerShared>();
+    m_worker->owner = this;
+    shared = m_worker;
+  }
   StartThread([shared] { VolumeWorkerBody(shared); }, 0);
 }
 
 void CTradeSliceManager::CloseWorkerEvent() {
   // A wait on a closed event returns at once: the worker runs one more round,
   // sees the running flag at 0 and ends.
+  ScopedLock<CMutex> guard(m_mutexVolumeCheck);
   if (m_worker != nullptr) m_worker->event.Set();
 }
 
+// Called with m_mutexVolumeCheck held.
 void CTradeSliceManager::WakeVolumeWorker() {
   if (m_worker != nullptr) m_worker->event.Set();
 }
 
 void CTradeSliceManager::StopVolumeWorkerForDestruction() {
-  if (m_worker == nullptr) return;
+  // m_worker itself stays until the members go: until the destructor has let
+  // go of the listened records, a quote event may still set the event.
+  std::shared_ptr<WorkerShared> shared;
   {
-    std::lock_guard<std::mutex> guard(m_worker->owner_lock);
-    m_worker->owner = nullptr;
+    ScopedLock<CMutex> guard(m_mutexVolumeCheck);
+    shared = m_worker;
   }
-  m_worker->event.Set();
-  m_worker.reset();
+  if (shared == nullptr) return;
+  {
+    std::lock_guard<std::mutex> guard(shared->owner_lock);
+    shared->owner = nullptr;
+  }
+  shared->event.Set();
 }
 
 void CTradeSliceManager::VolumeWorkerBody(std::shared_ptr<WorkerShared> shared) {
@@ -75,6 +88,21 @@ void CTradeSliceManager::VolumeWorkerBody(std::shared_ptr<WorkerShared> shared) 
   }
 }
 
+namespace {
+
+// Whether `traded` has reached `start + step`, without overflowing at either
+// end of the 64-bit range (an absent volume reads as the smallest value).
+bool VolumeReached(int64_t traded, int64_t start, int32_t step) {
+  if (step >= 0) {
+    return traded >= start &&
+           static_cast<uint64_t>(traded) - static_cast<uint64_t>(start) >= static_cast<uint64_t>(step);
+  }
+  return traded >= start ||
+         static_cast<uint64_t>(start) - static_cast<uint64_t>(traded) <= static_cast<uint64_t>(-static_cast<int64_t>(step));
+}
+
+}  // namespace
+
 void CTradeSliceManager::VolumeCheck(const CString& symbol) {
   ScopedLock<CMutex> volume_guard(m_mutexVolume);
   void* slot = nullptr;
@@ -83,7 +111,10 @@ void CTradeSliceManager::VolumeCheck(const CString& symbol) {
   // Without a quote record there is no traded volume to compare.
   if (entry->pQuote == nullptr) return;
   const int64_t traded = entry->pQuote->GetInt64ById(6);
-  for (const CString& level_key : entry->arrLevelKeys) {
+  // The keys are copied: a host that answers a cancel on this thread may
+  // re-enter the object (the mutexes are recursive) and change the entry.
+  const CStringArray level_keys = entry->arrLevelKeys;
+  for (const CString& level_key : level_keys) {
     CString slice_id, params;
     void* start_slot = nullptr;
     if (!m_mapListenedSlice.Lookup(level_key, slice_id)) continue;
@@ -94,7 +125,7 @@ void CTradeSliceManager::VolumeCheck(const CString& symbol) {
     // type, 3 for every watched child); it stays so.
     int pos = 0;
     const int32_t threshold = WToL(params.Tokenize(L",", pos).wstr());
-    if (traded >= start + threshold) {
+    if (VolumeReached(traded, start, threshold)) {
       m_mapStartVolume.RemoveKey(level_key);
       ScopedLock<CMutex> slice_guard(m_mutexSlice);
       Log(L"[Volume Sliced Send Cancel order] " + level_key);

@@ -15,10 +15,15 @@ using SteadyClock = std::chrono::steady_clock;
 class CondVarTimerWait final : public ITimerWait {
  public:
   void Arm(int64_t due_ms, int64_t period_ms) override {
-    std::lock_guard<std::mutex> guard(lock_);
-    armed_ = true;
-    due_ = SteadyClock::now() + std::chrono::milliseconds(due_ms);
-    period_ = std::chrono::milliseconds(period_ms);
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      armed_ = true;
+      due_ = SteadyClock::now() + std::chrono::milliseconds(due_ms);
+      period_ = std::chrono::milliseconds(period_ms);
+    }
+    // A waiter on another thread must see a deadline that moved earlier, as
+    // with a kernel timer re-armed from any thread.
+    cv_.notify_all();
   }
 
   void SignalStop() override {

@@ -11,9 +11,11 @@ namespace {
 
 class KernelTimerWait final : public ITimerWait {
  public:
+  // Kernel object names are session-wide: the process id keeps two processes
+  // whose timer services share an address from sharing a timer.
   explicit KernelTimerWait(const std::wstring& name)
       : stop_(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-        timer_(CreateWaitableTimerW(nullptr, FALSE, name.empty() ? nullptr : name.c_str())) {}
+        timer_(CreateWaitableTimerW(nullptr, FALSE, name.empty() ? nullptr : QualifiedName(name).c_str())) {}
 
   void Arm(int64_t due_ms, int64_t period_ms) override {
     LARGE_INTEGER due;
@@ -22,6 +24,10 @@ class KernelTimerWait final : public ITimerWait {
   }
 
   void SignalStop() override { SetEvent(stop_.get()); }
+
+  static std::wstring QualifiedName(const std::wstring& name) {
+    return std::to_wstring(GetCurrentProcessId()) + L"." + name;
+  }
 
   int Wait() override {
     HANDLE handles[2] = {stop_.get(), timer_.get()};

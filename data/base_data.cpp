@@ -1,0 +1,361 @@
+#include "data/base_data.h"
+
+#include <atomic>
+#include <string>
+#include <utility>
+
+#include <rapidjson/document.h>
+#include <rapidjson/encodings.h>
+
+#include "basedata/base_data_entry.h"
+#include "platform/clock.h"
+#include "platform/module_path.h"
+#include "platform/sync.h"
+#include "tradeslice/clock.h"
+
+namespace tsm {
+
+namespace {
+
+constexpr wchar_t kProgId[] = L"QX_Data.BaseData.1";
+constexpr wchar_t kReleaseFolder[] = L"\\NordaRelease\\";
+constexpr int kReleaseFolderLength = static_cast<int>(sizeof(kReleaseFolder) / sizeof(wchar_t)) - 1;
+constexpr int32_t kNoUpdateYet = -999;
+
+// Its address tells which module this code was linked into.
+const char kModuleMarker = 0;
+
+// JSON is parsed as UTF-16 on every platform; wchar_t is UTF-32 on Linux.
+using Json16 = rapidjson::UTF16<char16_t>;
+using JsonDocument = rapidjson::GenericDocument<Json16, rapidjson::MemoryPoolAllocator<>, rapidjson::CrtAllocator>;
+constexpr std::size_t kJsonChunkBytes = 64 * 1024;
+constexpr std::size_t kJsonStackBytes = 1024;
+
+std::u16string ToUtf16(const std::wstring& text) {
+  std::u16string out;
+  out.reserve(text.size());
+  for (wchar_t c : text) {
+    const uint32_t cp = static_cast<uint32_t>(c);
+    if constexpr (sizeof(wchar_t) > 2) {
+      if (cp >= 0x10000) {
+        out += static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10));
+        out += static_cast<char16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF));
+        continue;
+      }
+    }
+    out += static_cast<char16_t>(cp);
+  }
+  return out;
+}
+
+std::wstring FromUtf16(const char16_t* text, std::size_t length) {
+  std::wstring out;
+  out.reserve(length);
+  for (std::size_t i = 0; i < length; ++i) {
+    uint32_t cp = text[i];
+    if constexpr (sizeof(wchar_t) > 2) {
+      if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < length && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000) {
+        cp = 0x10000 + ((cp - 0xD800) << 10) + (text[i + 1] - 0xDC00);
+        ++i;
+      }
+    }
+    out += static_cast<wchar_t>(cp);
+  }
+  return out;
+}
+
+}  // namespace
+
+// What the record and its event sink share. The sink may still be called
+// after the record is gone, so this lives as long as either of them.
+struct CBaseData::Shared {
+  explicit Shared(CBaseData* owner) : record(owner) {}
+
+  CBaseData* const record;
+  // Auto-reset and created signalled: a binary semaphore that guards
+  // `receiver` and `advise_cookie`. Both are atomics as well, because
+  // OnReplace reads the receiver without it and a timed-out wait goes on
+  // without it.
+  CEvent lock{false, true};
+  std::atomic<CBaseDataEventReceiver*> receiver{nullptr};
+  std::atomic<uint32_t> advise_cookie{0};  // 0: not connected
+  std::atomic<int32_t> own_update_id{kNoUpdateYet};
+  std::atomic<int32_t> deliver_own_updates{0};
+};
+
+// Receives the object's events on the component's event thread and forwards
+// them to the record's receiver.
+class CBaseData::EventSink final : public IBaseDataEvents {
+ public:
+  explicit EventSink(std::shared_ptr<Shared> shared) : shared_(std::move(shared)) {}
+  EventSink(const EventSink&) = delete;
+  EventSink& operator=(const EventSink&) = delete;
+
+  uint32_t AddRef() override { return refs_.fetch_add(1, std::memory_order_relaxed) + 1; }
+  uint32_t Release() override {
+    const uint32_t left = refs_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  void OnUpdate(int32_t update_id, const std::wstring& text) override {
+    Shared& shared = *shared_;
+    // A time-out goes on without the lock rather than stall the event thread.
+    shared.lock.Wait(kLockWaitMs);
+    CBaseDataEventReceiver* receiver = shared.receiver.load();
+    if (shared.advise_cookie.load() != 0 && receiver != nullptr) {
+      const bool own = shared.deliver_own_updates.load() == 0 && update_id == shared.own_update_id.load();
+      if (!own) receiver->OnDataUpdate(shared.record, update_id, CString(text));
+    }
+    shared.lock.Set();
+  }
+
+  void OnReplace(int32_t id) override {
+    CBaseDataEventReceiver* receiver = shared_->receiver.load();
+    if (receiver != nullptr) receiver->OnDataReplace(shared_->record, id);
+  }
+
+ private:
+  ~EventSink() = default;
+
+  std::atomic<uint32_t> refs_{1};
+  const std::shared_ptr<Shared> shared_;
+};
+
+CBaseData::CBaseData(IClock* clock) : clock_(clock), shared_(std::make_shared<Shared>(this)) {}
+
+CBaseData::~CBaseData() {
+  Shared& shared = *shared_;
+  shared.lock.Wait(kLockWaitMs);
+  shared.receiver = nullptr;
+  if (driver_ != nullptr) {
+    const uint32_t advise_cookie = shared.advise_cookie.exchange(0);
+    if (advise_cookie != 0) driver_->Unadvise(advise_cookie);
+    shared.lock.Set();
+    driver_->Release();
+    driver_ = nullptr;
+  } else {
+    shared.lock.Set();
+  }
+  if (table_ != nullptr) {
+    if (table_cookie_ != 0) table_->RevokeInterfaceFromGlobal(table_cookie_);
+    table_ = nullptr;
+  }
+  // Once more, so that a handler that got in before the first wait is done.
+  shared.lock.Wait(kLockWaitMs);
+  shared.lock.Set();
+  if (component_module_ != nullptr) UnloadModule(component_module_);
+}
+
+IClock& CBaseData::clock() const { return clock_ != nullptr ? *clock_ : RealClock(); }
+
+bool CBaseData::Initialize(CBaseDataEventReceiver* receiver, IBaseData* dispatch) {
+  shared_->receiver = receiver;
+  if (driver_ != nullptr) return true;
+  if (dispatch != nullptr) {
+    dispatch->AddRef();
+    driver_ = dispatch;
+  } else if (!LoadComponent(kProgId)) {
+    driver_ = TsmCreateBaseDataByProgId(kProgId);
+    if (driver_ == nullptr) return false;
+  }
+  shared_->advise_cookie = 0;
+  if (receiver == nullptr) return true;
+  // A failed advise leaves the record bound but deaf.
+  auto* sink = new EventSink(shared_);
+  uint32_t advise_cookie = 0;
+  driver_->Advise(sink, &advise_cookie);
+  sink->Release();
+  shared_->advise_cookie = advise_cookie;
+  return true;
+}
+
+bool CBaseData::LoadComponent(const CString& prog_id) {
+  const CString component_path = ComponentPathForModule(ModulePathContaining(&kModuleMarker));
+  if (component_path.IsEmpty()) return false;
+  return LoadComponentFrom(component_path);
+}
+
+bool CBaseData::LoadComponentFrom(const CString& component_path) {
+  void* module = LoadModuleFromItsFolder(component_path.wstr());
+  if (module == nullptr) return false;
+  if (component_module_ != nullptr) UnloadModule(component_module_);
+  component_module_ = module;
+  const auto get_class_object =
+      reinterpret_cast<BaseDataGetClassObjectFn>(ModuleEntryPoint(module, kBaseDataGetClassObjectName));
+  if (get_class_object == nullptr) return false;
+  IBaseDataClassFactory* factory = nullptr;
+  if (get_class_object(&factory) != kS_OK || factory == nullptr) return false;
+  IBaseData* object = nullptr;
+  const HResult created = factory->CreateInstance(&object);
+  factory->Release();
+  if (created != kS_OK || object == nullptr) {
+    if (object != nullptr) object->Release();
+    throw ComError(ComError::kNoObject);
+  }
+  if (driver_ != nullptr) driver_->Release();
+  driver_ = object;
+  return true;
+}
+
+CString CBaseData::ComponentPathForModule(const CString& module_path) {
+  const int at = module_path.Find(kReleaseFolder);
+  if (at < 0) return CString();
+  return CString::Formatted(L"%s\\Components\\QX_DataBase64.dll", module_path.Left(at + kReleaseFolderLength));
+}
+
+int32_t CBaseData::BeginUpdate() {
+  if (driver_ == nullptr) return -1;
+  const int32_t update_id = driver_->BeginUpdate();
+  shared_->own_update_id = update_id;
+  return update_id;
+}
+
+void CBaseData::SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value) {
+  if (driver_ != nullptr) driver_->SetData(update_id, kind, key, value);
+}
+
+void CBaseData::EndUpdate(int32_t update_id) {
+  if (driver_ != nullptr) driver_->EndUpdate(update_id);
+}
+
+Variant CBaseData::GetData(int32_t kind, const Variant& argument) {
+  if (driver_ == nullptr) return Variant();
+  return driver_->GetData(kind, argument);
+}
+
+Variant CBaseData::GetValue(const CString& field) { return GetData(kKindFieldByName, Variant::Text(field.wstr())); }
+
+CString CBaseData::GetString(const CString& field) {
+  Variant value = GetValue(field);
+  if (!value.ChangeTypeToText()) return CString();
+  return CString(value.text());
+}
+
+int32_t CBaseData::GetLong(const CString& field, int32_t default_value) {
+  const Variant value = GetValue(field);
+  switch (value.type()) {
+    case VarType::I4:
+      return value.i4();
+    case VarType::BStr:
+      return WToL(value.text());
+    default:
+      return default_value;
+  }
+}
+
+int64_t CBaseData::GetInt64(const CString& field, int64_t default_value) {
+  const Variant value = GetValue(field);
+  switch (value.type()) {
+    case VarType::I8:
+      return value.i8();
+    case VarType::I4:
+      return static_cast<int64_t>(value.i4());
+    case VarType::BStr:
+      return WToI64(value.text());
+    default:
+      return default_value;
+  }
+}
+
+int64_t CBaseData::GetInt64ById(int32_t field_id) {
+  const Variant value = GetData(kKindFieldById, Variant::I4(field_id));
+  return value.type() == VarType::I8 ? value.i8() : INT64_MIN;
+}
+
+int32_t CBaseData::GetCount() {
+  const Variant value = GetData(kKindChildren, Variant::I4(-1));
+  if (value.type() != VarType::I4 || value.i4() < 0) return 0;
+  child_count_ = value.i4();
+  return child_count_;
+}
+
+CString CBaseData::GetName() {
+  if (name_.IsEmpty()) {
+    const Variant value = GetData(kKindName, Variant());
+    if (value.type() == VarType::BStr) name_ = CString(value.text());
+  }
+  return name_;
+}
+
+CBaseData* CBaseData::GetChild(const CString& field, CBaseDataEventReceiver* receiver) {
+  const Variant value = GetData(kKindChildByName, Variant::Text(field.wstr()));
+  if (value.type() != VarType::I4) return nullptr;
+  return FromCookie(static_cast<uint32_t>(value.i4()), receiver, clock_);
+}
+
+CBaseData* CBaseData::GetChildAt(int32_t index, CBaseDataEventReceiver* receiver) {
+  if (child_count_ < 0) child_count_ = GetCount();
+  if (index >= child_count_) {
+    child_count_ = GetCount();
+    if (index >= child_count_) return nullptr;
+  }
+  // The component may publish a child a little after it counts it.
+  for (int attempt = 0; attempt < kChildAttempts; ++attempt) {
+    const Variant value = GetData(kKindChildren, Variant::I4(index));
+    if (value.type() == VarType::I4) {
+      if (CBaseData* child = FromCookie(static_cast<uint32_t>(value.i4()), receiver, clock_)) return child;
+    }
+    clock().Sleep(kChildRetryMs);
+  }
+  return nullptr;
+}
+
+uint32_t CBaseData::GetCookie() {
+  if (table_cookie_ != 0) return table_cookie_;
+  if (table_ == nullptr) table_ = TsmGetGlobalInterfaceTable();
+  if (table_ == nullptr) return 0;
+  uint32_t cookie = 0;
+  if (table_->RegisterInterfaceInGlobal(driver_, &cookie) != kS_OK) cookie = 0;
+  table_cookie_ = cookie;
+  return table_cookie_;
+}
+
+CBaseData* CBaseData::FromCookie(uint32_t cookie, CBaseDataEventReceiver* receiver, IClock* clock) {
+  IGlobalInterfaceTable* table = TsmGetGlobalInterfaceTable();
+  if (table == nullptr) return nullptr;
+  IBaseData* object = nullptr;
+  const HResult fetched = table->GetInterfaceFromGlobal(cookie, &object);
+  if (fetched != kS_OK || object == nullptr) {
+    if (object != nullptr) object->Release();
+    return nullptr;
+  }
+  auto* record = new CBaseData(clock);
+  if (!record->Initialize(receiver, object)) {
+    delete record;
+    record = nullptr;
+  }
+  object->Release();
+  return record;
+}
+
+CString CBaseData::GetJsonString(const CString& field, const CString& member) {
+  Variant value = GetValue(field);
+  if (!value.ChangeTypeToText() || value.type() != VarType::BStr) return CString();
+  const std::u16string text = ToUtf16(value.text());
+  rapidjson::MemoryPoolAllocator<> allocator(kJsonChunkBytes);
+  JsonDocument document(&allocator, kJsonStackBytes);
+  document.Parse(text.c_str());
+  if (document.HasParseError() || !document.IsObject()) return CString();
+  const std::u16string name = ToUtf16(member.wstr());
+  const auto found = document.FindMember(JsonDocument::ValueType(rapidjson::StringRef(name.c_str(), name.size())));
+  if (found == document.MemberEnd() || !found->value.IsString()) return CString();
+  return CString(FromUtf16(found->value.GetString(), found->value.GetStringLength()));
+}
+
+void CBaseData::Disconnect() {
+  Shared& shared = *shared_;
+  shared.lock.Wait(kLockWaitMs);
+  shared.receiver = nullptr;
+  const uint32_t advise_cookie = shared.advise_cookie.exchange(0);
+  if (advise_cookie != 0 && driver_ != nullptr) driver_->Unadvise(advise_cookie);
+  shared.lock.Set();
+}
+
+bool CBaseData::IsBound() const { return driver_ != nullptr; }
+
+void CBaseData::SetDeliverOwnUpdates(int32_t deliver) { shared_->deliver_own_updates = deliver; }
+
+int32_t CBaseData::OwnUpdateId() const { return shared_->own_update_id; }
+
+}  // namespace tsm

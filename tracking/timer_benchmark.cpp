@@ -1,0 +1,189 @@
+// Timer service on the wall clock: how late callbacks come, and what 2,000
+// armed timers cost to arm and to keep.
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "platform/process_memory.h"
+#include "tracking/timer.h"
+
+namespace tsm {
+namespace {
+
+int64_t NowUs() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+double Percentile(std::vector<int64_t> values, double fraction) {
+  if (values.empty()) return 0;
+  std::sort(values.begin(), values.end());
+  const auto index = static_cast<std::size_t>(fraction * static_cast<double>(values.size() - 1) + 0.5);
+  return static_cast<double>(values[index]);
+}
+
+// Several timers used as the slice manager uses them: every expiry stops its
+// timer and arms the same id again, so each sample is one arming's lateness
+// (thread start included) behind "armed + interval".
+struct LatenessRun {
+  static constexpr unsigned kTimers = 8;
+
+  CTimer* timer = nullptr;
+  int interval_ms = 0;
+  int samples_per_timer = 0;
+  std::mutex lock;  // guards everything below
+  std::condition_variable all_done;
+  int64_t armed_at_us[kTimers] = {};
+  int taken[kTimers] = {};
+  unsigned finished = 0;
+  std::vector<int64_t> lateness_us;
+
+  static void OnTick(unsigned id, void* context) {
+    auto* self = static_cast<LatenessRun*>(context);
+    const int64_t now = NowUs();
+    self->timer->StopTimer(id);
+    const unsigned slot = id - 1;
+    bool again = false;
+    {
+      std::lock_guard<std::mutex> guard(self->lock);
+      self->lateness_us.push_back(now - self->armed_at_us[slot] - self->interval_ms * int64_t{1000});
+      again = ++self->taken[slot] < self->samples_per_timer;
+      if (again) {
+        self->armed_at_us[slot] = NowUs();
+      } else if (++self->finished == kTimers) {
+        self->all_done.notify_all();
+      }
+    }
+    if (again) self->timer->StartTimer(id, self->interval_ms, &LatenessRun::OnTick, self);
+  }
+};
+
+void BM_TimerLateness(benchmark::State& state) {
+  const int interval_ms = static_cast<int>(state.range(0));
+  std::vector<int64_t> all;
+  for (auto _ : state) {
+    CTimer timer;
+    LatenessRun run;
+    run.timer = &timer;
+    run.interval_ms = interval_ms;
+    // About three seconds of expiries whatever the interval.
+    run.samples_per_timer = std::max(20, 3000 / interval_ms);
+    for (unsigned slot = 0; slot < LatenessRun::kTimers; ++slot) {
+      {
+        std::lock_guard<std::mutex> guard(run.lock);
+        run.armed_at_us[slot] = NowUs();
+      }
+      timer.StartTimer(slot + 1, interval_ms, &LatenessRun::OnTick, &run);
+      // Spread the timers over the interval, as independent orders are.
+      std::this_thread::sleep_for(std::chrono::microseconds(interval_ms * 1000 / LatenessRun::kTimers));
+    }
+    std::unique_lock<std::mutex> guard(run.lock);
+    run.all_done.wait(guard, [&run] { return run.finished == LatenessRun::kTimers; });
+    all.insert(all.end(), run.lateness_us.begin(), run.lateness_us.end());
+    guard.unlock();
+    timer.Shutdown();
+  }
+  state.counters["samples"] = static_cast<double>(all.size());
+  state.counters["p50_ms"] = Percentile(all, 0.50) / 1000.0;
+  state.counters["p99_ms"] = Percentile(all, 0.99) / 1000.0;
+  state.counters["max_ms"] = Percentile(all, 1.0) / 1000.0;
+  state.counters["min_ms"] = Percentile(all, 0.0) / 1000.0;
+}
+BENCHMARK(BM_TimerLateness)->Arg(100)->Arg(10)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// The same timers left running: every expiry's distance past the latest slot
+// of the "armed + k * interval" grid (the grid starts when StartTimer is
+// called, so the one thread start is in every sample). Without a thread start
+// per expiry, this is the wake-up latency; lateness of a whole interval or
+// more would fold back, and shows as a drop in `samples` per second instead.
+struct PeriodicRun {
+  static constexpr unsigned kTimers = 8;
+
+  int interval_ms = 0;
+  int samples_per_timer = 0;
+  std::mutex lock;  // guards everything below
+  std::condition_variable all_done;
+  int64_t armed_at_us[kTimers] = {};
+  int taken[kTimers] = {};
+  unsigned finished = 0;
+  std::vector<int64_t> lateness_us;
+
+  static void OnTick(unsigned id, void* context) {
+    auto* self = static_cast<PeriodicRun*>(context);
+    const int64_t now = NowUs();
+    const unsigned slot = id - 1;
+    std::lock_guard<std::mutex> guard(self->lock);
+    if (self->taken[slot] >= self->samples_per_timer) return;
+    const int64_t interval_us = self->interval_ms * int64_t{1000};
+    const int64_t since_armed = now - self->armed_at_us[slot];
+    self->lateness_us.push_back(since_armed % interval_us);
+    if (++self->taken[slot] == self->samples_per_timer && ++self->finished == kTimers) self->all_done.notify_all();
+  }
+};
+
+void BM_PeriodicTimerLateness(benchmark::State& state) {
+  const int interval_ms = static_cast<int>(state.range(0));
+  std::vector<int64_t> all;
+  for (auto _ : state) {
+    CTimer timer;
+    PeriodicRun run;
+    run.interval_ms = interval_ms;
+    run.samples_per_timer = std::max(20, 3000 / interval_ms);
+    for (unsigned slot = 0; slot < PeriodicRun::kTimers; ++slot) {
+      {
+        std::lock_guard<std::mutex> guard(run.lock);
+        run.armed_at_us[slot] = NowUs();
+      }
+      timer.StartTimer(slot + 1, interval_ms, &PeriodicRun::OnTick, &run);
+      std::this_thread::sleep_for(std::chrono::microseconds(interval_ms * 1000 / PeriodicRun::kTimers));
+    }
+    std::unique_lock<std::mutex> guard(run.lock);
+    run.all_done.wait(guard, [&run] { return run.finished == PeriodicRun::kTimers; });
+    all.insert(all.end(), run.lateness_us.begin(), run.lateness_us.end());
+    guard.unlock();
+    timer.Shutdown();
+  }
+  state.counters["samples"] = static_cast<double>(all.size());
+  state.counters["p50_ms"] = Percentile(all, 0.50) / 1000.0;
+  state.counters["p99_ms"] = Percentile(all, 0.99) / 1000.0;
+  state.counters["max_ms"] = Percentile(all, 1.0) / 1000.0;
+  state.counters["min_ms"] = Percentile(all, 0.0) / 1000.0;
+}
+BENCHMARK(BM_PeriodicTimerLateness)->Arg(100)->Arg(10)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+void NoOp(unsigned /*id*/, void* /*context*/) {}
+
+// 2,000 timers armed at once (long intervals, nothing fires): the time to
+// arm them all, and the resident memory they hold while armed.
+void BM_ArmTwoThousandTimers(benchmark::State& state) {
+  constexpr unsigned kTimers = 2000;
+  double growth_mib = 0;
+  double shutdown_ms = 0;
+  for (auto _ : state) {
+    CTimer timer;
+    const int64_t resident_before = ResidentBytes();
+    const auto start = std::chrono::steady_clock::now();
+    for (unsigned id = 0; id < kTimers; ++id) timer.StartTimer(3001 + id, 600'000, &NoOp, nullptr);
+    const auto armed = std::chrono::steady_clock::now();
+    state.SetIterationTime(std::chrono::duration<double>(armed - start).count());
+    // Let every thread reach its wait before reading the footprint.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    growth_mib = static_cast<double>(ResidentBytes() - resident_before) / (1024.0 * 1024.0);
+    const auto stopping = std::chrono::steady_clock::now();
+    timer.Shutdown();
+    shutdown_ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - stopping).count();
+  }
+  state.counters["rss_growth_MiB"] = growth_mib;
+  state.counters["KiB_per_timer"] = growth_mib * 1024.0 / kTimers;
+  state.counters["shutdown_ms"] = shutdown_ms;
+}
+BENCHMARK(BM_ArmTwoThousandTimers)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace tsm
