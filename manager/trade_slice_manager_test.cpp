@@ -215,7 +215,8 @@ TEST_F(TradeSliceManagerTest, EveryAdvisedSinkHearsEachEventAndTheLastResultWins
   EXPECT_EQ(host_.Logs().size(), 1u);
   EXPECT_EQ(second.Logs().size(), 1u);
   second.Topic(L"NordaSystemTime");
-  EXPECT_NE(manager_->GetTopicRecord(L"NordaSystemTime", nullptr), nullptr) << "the last sink's record is used";
+  std::unique_ptr<CBaseData> record(manager_->GetTopicRecord(L"NordaSystemTime", nullptr));
+  EXPECT_NE(record, nullptr) << "the last sink's record is used";
   manager_->Unadvise(second_cookie);
 }
 
