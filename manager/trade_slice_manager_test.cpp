@@ -62,10 +62,38 @@ TEST_F(TradeSliceManagerTest, Stage4StopsTheWorkerAndFreesTheKeptRecords) {
   EXPECT_TRUE(host_.Events().empty());
 }
 
+void IgnoreTick(unsigned, void*) {}
+
+TEST_F(TradeSliceManagerTest, Stage4KillsTimers101To104) {
+  Start();
+  for (unsigned id : {101u, 102u, 103u, 104u}) ASSERT_EQ(peer_.Timer().StartTimer(id, 1 << 30, &IgnoreTick, nullptr), 1);
+  manager_->SetStage(1, 4);
+  for (unsigned id : {101u, 102u, 103u, 104u}) EXPECT_FALSE(peer_.TimerArmed(id)) << id;
+}
+
+TEST_F(TradeSliceManagerTest, StagesOneTwoAndFourRaiseExactlyTheListedEvents) {
+  host_.Topic(L"NordaSystemTime");
+  host_.Topic(L"Security.Info");
+  host_.Topic(L"PERMISSIONS.General");
+  manager_->SetStage(1, 1);
+  manager_->SetStage(1, 2);
+  manager_->SetStage(1, 4);
+  EXPECT_EQ(Kinds(host_.Events()),
+            (std::vector<std::string>{"RegisterTopic:TRADE.HOT.MONTH", "RegisterTopic:TRADE.SLICE.MANAGER",
+                                      "RegisterTopic:TRADE.SLICE.MANAGER.CANCEL", "RegisterTopic:TRADE.SLICE.ORDER",
+                                      "RegisterTopic:ORDERSET.LOCK", "RegisterTopic:ORDERSET.UNLOCK",
+                                      "GetTopicData:NordaSystemTime", "GetTopicData:Security.Info",
+                                      "GetTopicData:PERMISSIONS.General"}));
+}
+
 TEST_F(TradeSliceManagerTest, StageWithKindOtherThanOneDoesNothing) {
   EXPECT_EQ(manager_->SetStage(2, 1), kS_OK);
   EXPECT_EQ(manager_->SetStage(0, 2), kS_OK);
+  EXPECT_EQ(manager_->SetStage(-1, 4), kS_OK);
   EXPECT_TRUE(host_.Events().empty());
+  EXPECT_NE(peer_.SliceIdToLevelKey().GetHashTableSize(), 1009u) << "stage 1 work was not done";
+  EXPECT_TRUE(peer_.Worker().expired()) << "stage 2 work was not done";
+  EXPECT_EQ(peer_.Running(), 1) << "stage 4 work was not done";
 }
 
 TEST_F(TradeSliceManagerTest, UnknownStageDoesNothing) {
@@ -84,6 +112,9 @@ TEST_F(TradeSliceManagerTest, LowerCaseTopicIsOnlyLogged) {
   host_.ClearEvents();
   Topic(L"trade.slice.order", 0, 0, L"", Variant::I4(static_cast<int32_t>(cookie)));
   EXPECT_EQ(Logs(), (std::vector<std::wstring>{Log(L"SetTopic:trade.slice.order, ")}));
+  EXPECT_EQ(host_.Events().size(), 1u) << "nothing but the log line";
+  EXPECT_EQ(peer_.SliceAllSet().GetCount(), 0);
+  EXPECT_EQ(peer_.SliceAllBatches().GetCount(), 0);
 }
 
 TEST_F(TradeSliceManagerTest, CancelWithParam2ThreeIsOnlyLogged) {
@@ -107,9 +138,15 @@ TEST_F(TradeSliceManagerTest, CancelAllLogsCancelAllFirst) {
 
 TEST_F(TradeSliceManagerTest, SliceOrderWithTextDataDoesNothing) {
   Start();
+  // A slice-all order that the same topic with a VT_I4 cookie would release.
+  const uint32_t cookie = Publish(L"o", {{L"SlicedType", Variant::I4(5)}, {L"LevelKey", Variant::Text(L"K")},
+                                         {L"SliceID", Variant::Text(L"S")}, {L"LeavesQty", Variant::I4(100)}});
   host_.ClearEvents();
-  Topic(L"TRADE.SLICE.ORDER", 0, 0, L"", Variant::Text(L"12"));
+  Topic(L"TRADE.SLICE.ORDER", 0, 0, L"", Variant::Text(std::to_wstring(cookie)));
   EXPECT_EQ(Logs(), (std::vector<std::wstring>{Log(L"SetTopic:TRADE.SLICE.ORDER, ")}));
+  EXPECT_EQ(host_.Events().size(), 1u) << "nothing but the log line";
+  EXPECT_EQ(peer_.SliceAllSet().GetCount(), 0);
+  EXPECT_EQ(peer_.SliceAllBatches().GetCount(), 0);
 }
 
 TEST_F(TradeSliceManagerTest, RecordTopicWithUnresolvableCookieOnlyLogs) {
@@ -139,6 +176,14 @@ TEST_F(TradeSliceManagerTest, OrderSetUnlockWithoutLockStillReleasesOnce) {
   EXPECT_EQ(peer_.OrderMutex().LevelsHeldByCaller(), 0);
   Topic(L"ORDERSET.UNLOCK", 0, 0, L"", Variant());  // nothing held: nothing happens
   EXPECT_EQ(peer_.OrderMutex().LevelsHeldByCaller(), 0);
+}
+
+TEST_F(TradeSliceManagerTest, OrderSetUnlockWithoutLockReleasesExactlyOneLevel) {
+  peer_.OrderMutex().Lock();
+  peer_.OrderMutex().Lock();
+  Topic(L"ORDERSET.UNLOCK", 0, 0, L"", Variant());
+  EXPECT_EQ(peer_.OrderMutex().LevelsHeldByCaller(), 1);
+  peer_.OrderMutex().Unlock();
 }
 
 TEST_F(TradeSliceManagerTest, TwoLocksAndOneUnlockLeaveTheMutexHeld) {
@@ -176,18 +221,25 @@ TEST_F(TradeSliceManagerTest, OrderSetWithEmptySecondLevelKeyMapsFirstAndThird) 
   EXPECT_EQ(peer_.OrderMutex().LevelsHeldByCaller(), 0);
 }
 
-TEST_F(TradeSliceManagerTest, OrderSetLockStallsOtherThreadsUntilUnlock) {
+TEST_F(TradeSliceManagerTest, OrderSetLockKeepsOtherThreadsOutUntilUnlock) {
   Topic(L"ORDERSET.LOCK", 0, 0, L"", Variant());
-  std::atomic<bool> entered{false};
-  std::thread other([&] {
-    ScopedLock<CMutex> guard(peer_.OrderMutex());
-    entered = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // real time: the other thread must wait
-  EXPECT_FALSE(entered.load());
+  int other_levels = -1;
+  bool other_released = true;
+  std::thread([&] {
+    // The host's thread owns the mutex: this thread holds nothing and cannot release it.
+    other_levels = peer_.OrderMutex().LevelsHeldByCaller();
+    other_released = peer_.OrderMutex().Unlock();
+  }).join();
+  EXPECT_EQ(other_levels, 0);
+  EXPECT_FALSE(other_released);
+  EXPECT_EQ(peer_.OrderMutex().LevelsHeldByCaller(), 1);
   Topic(L"ORDERSET.UNLOCK", 0, 0, L"", Variant());
-  other.join();
-  EXPECT_TRUE(entered.load());
+  int levels_after = -1;
+  std::thread([&] {
+    ScopedLock<CMutex> guard(peer_.OrderMutex());  // free again: taken without waiting on the host
+    levels_after = peer_.OrderMutex().LevelsHeldByCaller();
+  }).join();
+  EXPECT_EQ(levels_after, 1);
 }
 
 TEST_F(TradeSliceManagerTest, LogGoesThroughWriteLogWithThePrefix) {
