@@ -5,6 +5,57 @@
 namespace tsm {
 namespace {
 
+// A record in which every field the command reads is present.
+sim::FieldList EveryField() {
+  return {{L"SecurityType", Variant::Text(L"STK")},
+          {L"BrokerID", Variant::Text(L"BRK")},
+          {L"Account", Variant::Text(L"ACC1")},
+          {L"Symbol", Variant::Text(L"QX.S.HK.700")},
+          {L"SymbolA", Variant::Text(L"SA")},
+          {L"SymbolB", Variant::Text(L"SB")},
+          {L"Side", Variant::Text(L"B")},
+          {L"Side1", Variant::Text(L"S1")},
+          {L"Side2", Variant::Text(L"S2")},
+          {L"Price", Variant::I8(3456000)},
+          {L"PriceString", Variant::Text(L"345.6")},
+          {L"StopPrice", Variant::I8(3400000)},
+          {L"StopPriceString", Variant::Text(L"340")},
+          {L"TrailingField", Variant::I4(1)},
+          {L"TrailingType", Variant::I4(2)},
+          {L"TrailingAmount", Variant::I8(500)},
+          {L"TouchPrice", Variant::I8(3500000)},
+          {L"TouchPriceString", Variant::Text(L"350")},
+          {L"TouchField", Variant::I4(3)},
+          {L"TouchCondition", Variant::I4(4)},
+          {L"OrderType", Variant::I4(2)},
+          {L"PositionEffect", Variant::I4(1)},
+          {L"OriTimeInForce", Variant::I4(0)},
+          {L"TimeInForce", Variant::I4(3)},
+          {L"Synthetic", Variant::I4(0)},
+          {L"GroupType", Variant::I4(1)},
+          {L"GroupID", Variant::Text(L"G7")},
+          {L"ChasePrice", Variant::Text(L"CP")},
+          {L"SpreadType", Variant::I4(5)},
+          {L"Strategy", Variant::Text(L"ST")},
+          {L"UserKey1", Variant::Text(L"U1")},
+          {L"UserKey2", Variant::Text(L"U2")},
+          {L"UserKey3", Variant::Text(L"U3")},
+          {L"SliceID", Variant::Text(L"SL1")},
+          {L"SlicedPriceField", Variant::I4(6)},
+          {L"SlicedTicks", Variant::I4(7)},
+          {L"ExtCommands", Variant::Text(L"A=1")},
+          {L"FitOrdFreq", Variant::I4(1)},
+          {L"FlowControl", Variant::I4(1)},
+          {L"Consecutive", Variant::I4(1)},
+          {L"NumberOfRetries", Variant::I4(5)},
+          {L"RetryInterval", Variant::I4(30)},
+          {L"ContingentSymbol", Variant::Text(L"CS")},
+          {L"GroupPrefix", Variant::Text(L"GP")},
+          {L"OriLevelKey", Variant::Text(L"OLK")},
+          {L"LevelKey", Variant::Text(L"LK")},
+          {L"SpreadID", Variant::Text(L"SP")}};
+}
+
 class CommandFormatTest : public ManagerTest {
  protected:
   CString Build(const sim::FieldList& fields, CommandTemplate which = CommandTemplate::kA, int32_t qty = 100) {
@@ -25,54 +76,7 @@ class CommandFormatTest : public ManagerTest {
 };
 
 TEST_F(CommandFormatTest, RecordWithEveryFieldGivesTheExactTemplateA) {
-  const CString command = Build({{L"SecurityType", Variant::Text(L"STK")},
-                                 {L"BrokerID", Variant::Text(L"BRK")},
-                                 {L"Account", Variant::Text(L"ACC1")},
-                                 {L"Symbol", Variant::Text(L"QX.S.HK.700")},
-                                 {L"SymbolA", Variant::Text(L"SA")},
-                                 {L"SymbolB", Variant::Text(L"SB")},
-                                 {L"Side", Variant::Text(L"B")},
-                                 {L"Side1", Variant::Text(L"S1")},
-                                 {L"Side2", Variant::Text(L"S2")},
-                                 {L"Price", Variant::I8(3456000)},
-                                 {L"PriceString", Variant::Text(L"345.6")},
-                                 {L"StopPrice", Variant::I8(3400000)},
-                                 {L"StopPriceString", Variant::Text(L"340")},
-                                 {L"TrailingField", Variant::I4(1)},
-                                 {L"TrailingType", Variant::I4(2)},
-                                 {L"TrailingAmount", Variant::I8(500)},
-                                 {L"TouchPrice", Variant::I8(3500000)},
-                                 {L"TouchPriceString", Variant::Text(L"350")},
-                                 {L"TouchField", Variant::I4(3)},
-                                 {L"TouchCondition", Variant::I4(4)},
-                                 {L"OrderType", Variant::I4(2)},
-                                 {L"PositionEffect", Variant::I4(1)},
-                                 {L"OriTimeInForce", Variant::I4(0)},
-                                 {L"TimeInForce", Variant::I4(3)},
-                                 {L"Synthetic", Variant::I4(0)},
-                                 {L"GroupType", Variant::I4(1)},
-                                 {L"GroupID", Variant::Text(L"G7")},
-                                 {L"ChasePrice", Variant::Text(L"CP")},
-                                 {L"SpreadType", Variant::I4(5)},
-                                 {L"Strategy", Variant::Text(L"ST")},
-                                 {L"UserKey1", Variant::Text(L"U1")},
-                                 {L"UserKey2", Variant::Text(L"U2")},
-                                 {L"UserKey3", Variant::Text(L"U3")},
-                                 {L"SliceID", Variant::Text(L"SL1")},
-                                 {L"SlicedPriceField", Variant::I4(6)},
-                                 {L"SlicedTicks", Variant::I4(7)},
-                                 {L"ExtCommands", Variant::Text(L"A=1")},
-                                 {L"FitOrdFreq", Variant::I4(1)},
-                                 {L"FlowControl", Variant::I4(1)},
-                                 {L"Consecutive", Variant::I4(1)},
-                                 {L"NumberOfRetries", Variant::I4(5)},
-                                 {L"RetryInterval", Variant::I4(30)},
-                                 {L"ContingentSymbol", Variant::Text(L"CS")},
-                                 {L"GroupPrefix", Variant::Text(L"GP")},
-                                 {L"OriLevelKey", Variant::Text(L"OLK")},
-                                 {L"LevelKey", Variant::Text(L"LK")},
-                                 {L"SpreadID", Variant::Text(L"SP")}},
-                                CommandTemplate::kA, 300);
+  const CString command = Build(EveryField(), CommandTemplate::kA, 300);
   EXPECT_EQ(command.wstr(),
             L"TYPE=STK,BROKERID=BRK,ACCOUNT=ACC1,SYMBOL=QX.S.HK.700,SYMBOLA=SA,SYMBOLB=SB,SIDE=B,SIDE1=S1,SIDE2=S2,"
             L"QTY=300,PRICE=3456000,PRICESTRING=345.6,STOPPRICE=3400000,STOPPRICESTRING=340,TRAILINGFIELD=1,"
@@ -82,6 +86,18 @@ TEST_F(CommandFormatTest, RecordWithEveryFieldGivesTheExactTemplateA) {
             L"SlicedPriceField=6,SlicedTicks=7,ExtCommands=FlowControl=1;FitOrderFreq=1;A=1,Consecutive=1,"
             L"NumberOfRetries=5,RetryInterval=30,ContingentSymbol=CS,GroupPrefix=GP,OriLevelKey=OLK,SpreadID=SP,"
             L"Sliced=1");
+}
+
+TEST_F(CommandFormatTest, RecordWithEveryFieldGivesTheExactTemplateB) {
+  EXPECT_EQ(Build(EveryField(), CommandTemplate::kB, 300).wstr(),
+            L"TYPE=STK,BROKERID=BRK,ACCOUNT=ACC1,SYMBOL=QX.S.HK.700,SYMBOLA=SA,SYMBOLB=SB,SIDE=B,SIDE1=S1,SIDE2=S2,"
+            L"QTY=300,PRICE=3456000,PRICESTRING=345.6,STOPPRICE=3400000,STOPPRICESTRING=340,TRAILINGFIELD=1,"
+            L"TRAILINGTYPE=2,TRAILINGAMOUNT=500,TOUCHPRICE=3500000,TOUCHPRICESTRING=350,TOUCHFIELD=3,"
+            L"TOUCHCONDITION=4,ORDERTYPE=2,POSITIONEFFECT=1,TIMEINFORCE=3,SYNTHETIC=0,GROUPTYPE=1,GROUPID=G7,"
+            L"CHASEPRICE=CP,SPREAD=5,STRATEGY=ST,USERKEY1=U1,USERKEY2=U2,USERKEY3=U3,SlicedID=SL1,"
+            L"SlicedPriceField=6,SlicedTicks=7,ExtCommands=FlowControl=1;FitOrderFreq=1;A=1,Consecutive=1,"
+            L"NumberOfRetries=5,RetryInterval=30,SlicedType=4,DiscloseQty=0,ContingentSymbol=CS,GroupPrefix=GP,"
+            L"OriLevelKey=OLK,SpreadID=SP,Sliced=1");
 }
 
 TEST_F(CommandFormatTest, RecordWithNoFieldsPrintsEveryDefault) {

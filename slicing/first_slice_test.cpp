@@ -5,6 +5,8 @@ namespace {
 
 class FirstSliceTest : public ManagerTest {
  protected:
+  static int32_t Draw12345() { return 12345; }
+
   CBaseData* Parent(int32_t leaves, int32_t disclose, sim::FieldList extra = {}) {
     sim::FieldList fields = {{L"LevelKey", Variant::Text(L"P1")}, {L"SliceID", Variant::Text(L"S1")},
                              {L"LeavesQty", Variant::I4(leaves)}, {L"DiscloseQty", Variant::I4(disclose)}};
@@ -98,6 +100,53 @@ TEST_F(FirstSliceTest, RecordWithoutLeavesQtyTakesTheFinishingPath) {
   manager_->DoSlicedWorkFirst(Bound({{L"LevelKey", Variant::Text(L"P1")}, {L"DiscloseQty", Variant::I4(10)}}));
   EXPECT_EQ(peer_.FinishList(), (CStringArray{L"P1"}));
   EXPECT_TRUE(peer_.SendQueue().empty());
+}
+
+TEST_F(FirstSliceTest, WorkedExampleSizesTheFirstChildAtTheBuyLot) {
+  manager_->SetRandomSourceForTesting(&Draw12345);
+  host_.SetSecurityText(L"QX.S.HK.700", L"x|100|y|100");
+  // s = 1000 x 20 / 100 = 200; 1000 + 12345 mod 201 = 1084; rounded down to the lot of 100.
+  CBaseData* parent = Parent(5000, 1000,
+                             {{L"Variance", Variant::I4(20)}, {L"SecurityType", Variant::Text(L"STK")},
+                              {L"Symbol", Variant::Text(L"QX.S.HK.700")}, {L"Side", Variant::Text(L"B")}});
+  manager_->DoSlicedWorkFirst(parent);
+  EXPECT_EQ(Logs(), (std::vector<std::wstring>{Log(L"DoSlicedWork First: NewOrderQty=1000, TotalQty=5000"),
+                                               Log(L"DoSlicedWork First :SendNewOrder NewOrderQty=1000, TotalQty=4000")}));
+  ASSERT_EQ(peer_.SendQueue().size(), 1u);
+  EXPECT_NE(peer_.SendQueue()[0].Find(L",QTY=1000,"), -1);
+  EXPECT_EQ(parent->GetLong(L"LeavesQty", 0), 4000);
+}
+
+TEST_F(FirstSliceTest, ChildOfAParentWithoutCommandFieldsReachesTheHostAsTheDefaultTemplateAText) {
+  manager_->DoSlicedWorkFirst(Parent(1000, 300));
+  Advance(100);
+  const auto sent = Sent(L"TRADE.NEWORDER");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].text,
+            L"TYPE=,BROKERID=,ACCOUNT=,SYMBOL=,SYMBOLA=,SYMBOLB=,SIDE=,SIDE1=,SIDE2=,QTY=300,"
+            L"PRICE=-9223372036854775808,PRICESTRING=,STOPPRICE=-9223372036854775808,STOPPRICESTRING=,"
+            L"TRAILINGFIELD=-2147483648,TRAILINGTYPE=-2147483648,TRAILINGAMOUNT=-9223372036854775808,"
+            L"TOUCHPRICE=-9223372036854775808,TOUCHPRICESTRING=,TOUCHFIELD=-2147483648,"
+            L"TOUCHCONDITION=-2147483648,ORDERTYPE=-2147483648,POSITIONEFFECT=-2147483648,"
+            L"TIMEINFORCE=-2147483648,SYNTHETIC=-2147483648,GROUPTYPE=-2147483648,GROUPID=,GROUPMASTER=0,"
+            L"CHASEPRICE=,SPREAD=-2147483648,STRATEGY=,USERKEY1=,USERKEY2=,USERKEY3=,SlicedID=S1,"
+            L"SlicedPriceField=0,SlicedTicks=0,ExtCommands=,Consecutive=0,NumberOfRetries=-1,RetryInterval=-1,"
+            L"ContingentSymbol=,GroupPrefix=,OriLevelKey=P1,SpreadID=,Sliced=1");
+  EXPECT_EQ(sent[0].p1, 1);
+  EXPECT_EQ(sent[0].p2, 2);
+}
+
+TEST_F(FirstSliceTest, ChineseAccountAndSymbolReachTheHostUnchanged) {
+  const std::wstring account = CString::FromUtf8("\xE5\xBC\xA0\xE4\xB8\x89\xE8\xB4\xA6\xE6\x88\xB7").wstr();
+  const std::wstring symbol = CString::FromUtf8("QX.F.\xE9\xBB\x84\xE9\x87\x91").wstr();
+  manager_->DoSlicedWorkFirst(
+      Parent(1000, 300, {{L"Account", Variant::Text(account)}, {L"Symbol", Variant::Text(symbol)}}));
+  Advance(100);
+  const auto sent = Sent(L"TRADE.NEWORDER");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_NE(sent[0].text.find(L",ACCOUNT=" + account + L",SYMBOL=" + symbol + L",SYMBOLA=,"), std::wstring::npos)
+      << CString(sent[0].text).ToUtf8();
+  EXPECT_TRUE(Logged(L"[Sliced Send new order] " + sent[0].text));
 }
 
 }  // namespace

@@ -146,6 +146,8 @@ TEST_F(FollowingSliceTest, SliceAllLastPortionOnlyRetiresTheChild) {
   EXPECT_TRUE(peer_.SendQueue().empty());
   EXPECT_EQ(peer_.Cleanup(), (CStringArray{L"C1"}));
   EXPECT_TRUE(peer_.SliceIdToLevelKey().Contains(L"S1"));
+  EXPECT_FALSE(peer_.TimerArmed(102));
+  EXPECT_TRUE(peer_.TimerArmed(103));
 
   // Timer 103 retires the child's listened record ten seconds later.
   Advance(9999);

@@ -44,15 +44,21 @@ TEST_F(SliceAllTest, NineHundredGivesTwoChildrenAndAFinalOrderOfThreeHundred) {
   CBaseData* parent = Parent(900, 300);
   manager_->DoSlicedAll(parent);
   EXPECT_EQ(Batch(1001).size(), 2u);
+  EXPECT_EQ(parent->GetLong(L"OrderQty", 0), 300);
   EXPECT_EQ(parent->GetLong(L"LeavesQty", 0), 300);
+  EXPECT_EQ(parent->GetLong(L"SendQty", 0), 300);
+  EXPECT_EQ(peer_.FinishList(), (CStringArray{L"P1"}));
 }
 
 TEST_F(SliceAllTest, TwoHundredGivesNoChildAndAnEmptyBatchUnderAFreshId) {
   CBaseData* parent = Parent(200, 300);
   manager_->DoSlicedAll(parent);
   EXPECT_TRUE(Batch(1001).empty());
+  EXPECT_EQ(peer_.SliceAllTimerId(), 1001);
+  EXPECT_TRUE(peer_.TimerArmed(1001));
   EXPECT_EQ(parent->GetLong(L"OrderQty", 0), 200);
   EXPECT_EQ(parent->GetLong(L"LeavesQty", 0), 200);
+  EXPECT_EQ(parent->GetLong(L"SendQty", 0), 200);
   Advance(50);
   EXPECT_TRUE(Sent(L"TRADE.NEWORDER").empty());
   EXPECT_EQ(peer_.SliceAllBatches().GetCount(), 0);
@@ -115,6 +121,23 @@ TEST_F(SliceAllTest, BatchStillWaitingUnderAReusedIdIsOverwrittenAndNeverSent) {
   EXPECT_EQ(Batch(1001).size(), 1u);
   Advance(50);
   EXPECT_EQ(Sent(L"TRADE.NEWORDER").size(), 1u);
+}
+
+TEST_F(SliceAllTest, ChildOfAParentWithoutCommandFieldsReachesTheHostAsTheDefaultTemplateBText) {
+  manager_->DoSlicedAll(Parent(400, 300));
+  Advance(50);
+  const auto sent = Sent(L"TRADE.NEWORDER");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].text,
+            L"TYPE=,BROKERID=,ACCOUNT=,SYMBOL=,SYMBOLA=,SYMBOLB=,SIDE=,SIDE1=,SIDE2=,QTY=300,"
+            L"PRICE=-9223372036854775808,PRICESTRING=,STOPPRICE=-9223372036854775808,STOPPRICESTRING=,"
+            L"TRAILINGFIELD=-2147483648,TRAILINGTYPE=-2147483648,TRAILINGAMOUNT=-9223372036854775808,"
+            L"TOUCHPRICE=-9223372036854775808,TOUCHPRICESTRING=,TOUCHFIELD=-2147483648,"
+            L"TOUCHCONDITION=-2147483648,ORDERTYPE=-2147483648,POSITIONEFFECT=-2147483648,"
+            L"TIMEINFORCE=-2147483648,SYNTHETIC=7,GROUPTYPE=-2147483648,GROUPID=,"
+            L"CHASEPRICE=,SPREAD=-2147483648,STRATEGY=,USERKEY1=,USERKEY2=,USERKEY3=,SlicedID=S1,"
+            L"SlicedPriceField=0,SlicedTicks=0,ExtCommands=,Consecutive=0,NumberOfRetries=-1,RetryInterval=-1,"
+            L"SlicedType=4,DiscloseQty=0,ContingentSymbol=,GroupPrefix=,OriLevelKey=P1,SpreadID=,Sliced=1");
 }
 
 }  // namespace
