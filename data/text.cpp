@@ -20,7 +20,7 @@ FormatArg MakeArg(const wchar_t* value) {
 
 namespace {
 
-void AppendPadded(std::wstring& out, const std::wstring& piece, int width, bool left, bool zero) {
+void AppendPadded(std::wstring& out, std::wstring_view piece, int width, bool left, bool zero) {
   const int pad = width - static_cast<int>(piece.size());
   if (pad <= 0) {
     out += piece;
@@ -30,21 +30,43 @@ void AppendPadded(std::wstring& out, const std::wstring& piece, int width, bool 
   } else if (zero && !piece.empty() && piece[0] == L'-') {
     out += L'-';
     out.append(static_cast<std::size_t>(pad), L'0');
-    out.append(piece, 1, std::wstring::npos);
+    out += piece.substr(1);
   } else {
     out.append(static_cast<std::size_t>(pad), zero ? L'0' : L' ');
     out += piece;
   }
 }
 
-std::wstring ToHex(uint64_t value, bool upper) {
-  const wchar_t* digits = upper ? L"0123456789ABCDEF" : L"0123456789abcdef";
-  std::wstring result;
+// Numbers are written backwards into the end of a caller's buffer: no heap,
+// no locale (the C runtime's wide printf is the slow part of every command).
+constexpr std::size_t kNumberBuffer = 24;
+
+std::wstring_view WriteUnsigned(wchar_t (&buffer)[kNumberBuffer], uint64_t value, bool negative) {
+  wchar_t* end = buffer + kNumberBuffer;
+  wchar_t* p = end;
   do {
-    result.insert(result.begin(), digits[value & 0xF]);
+    *--p = static_cast<wchar_t>(L'0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  if (negative) *--p = L'-';
+  return std::wstring_view(p, static_cast<std::size_t>(end - p));
+}
+
+std::wstring_view WriteSigned(wchar_t (&buffer)[kNumberBuffer], int64_t value) {
+  // The magnitude of the smallest value does not fit int64_t; take it unsigned.
+  const uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  return WriteUnsigned(buffer, magnitude, value < 0);
+}
+
+std::wstring_view WriteHex(wchar_t (&buffer)[kNumberBuffer], uint64_t value, bool upper) {
+  const wchar_t* digits = upper ? L"0123456789ABCDEF" : L"0123456789abcdef";
+  wchar_t* end = buffer + kNumberBuffer;
+  wchar_t* p = end;
+  do {
+    *--p = digits[value & 0xF];
     value >>= 4;
   } while (value != 0);
-  return result;
+  return std::wstring_view(p, static_cast<std::size_t>(end - p));
 }
 
 }  // namespace
@@ -54,10 +76,13 @@ std::wstring ToHex(uint64_t value, bool upper) {
 // read past the list; a missing argument prints as nothing.
 std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_t count) {
   std::wstring out;
+  out.reserve(std::wcslen(format) + 16 * count);
   std::size_t next = 0;
   for (const wchar_t* p = format; *p != L'\0'; ++p) {
     if (*p != L'%') {
-      out += *p;
+      const wchar_t* run = p;
+      while (p[1] != L'\0' && p[1] != L'%') ++p;
+      out.append(run, static_cast<std::size_t>(p - run + 1));
       continue;
     }
     ++p;
@@ -85,43 +110,48 @@ std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_
     if (*p == L'\0') break;
     const FormatArg* arg = next < count ? &args[next] : nullptr;
     ++next;
-    std::wstring piece;
+    wchar_t buffer[kNumberBuffer];
+    std::wstring_view piece;
     switch (*p) {
       case L'd':
       case L'i':
         if (arg != nullptr) {
           if (arg->kind == FormatArg::Kind::kText) {
-            piece.assign(arg->text, arg->text_length);
+            piece = std::wstring_view(arg->text, arg->text_length);
           } else {
-            piece = wide64 ? std::to_wstring(arg->number) : std::to_wstring(static_cast<int32_t>(arg->number));
+            piece = WriteSigned(buffer, wide64 ? arg->number : static_cast<int32_t>(arg->number));
           }
         }
         break;
       case L'u':
         if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
-          piece = wide64 ? std::to_wstring(static_cast<uint64_t>(arg->number))
-                         : std::to_wstring(static_cast<uint32_t>(arg->number));
+          piece = WriteUnsigned(buffer, wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number),
+                                false);
         }
         break;
       case L'x':
       case L'X':
         if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
           const uint64_t bits = wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number);
-          piece = ToHex(bits, *p == L'X');
+          piece = WriteHex(buffer, bits, *p == L'X');
         }
         break;
       case L's':
       case L'S':
         if (arg != nullptr) {
-          piece = arg->kind == FormatArg::Kind::kText ? std::wstring(arg->text, arg->text_length)
-                                                      : std::to_wstring(arg->number);
+          piece = arg->kind == FormatArg::Kind::kText ? std::wstring_view(arg->text, arg->text_length)
+                                                      : WriteSigned(buffer, arg->number);
         }
         break;
       case L'c':
-        if (arg != nullptr && arg->kind != FormatArg::Kind::kText) piece = std::wstring(1, static_cast<wchar_t>(arg->number));
+        if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
+          buffer[0] = static_cast<wchar_t>(arg->number);
+          piece = std::wstring_view(buffer, 1);
+        }
         break;
       default:
-        piece = std::wstring(1, *p);
+        buffer[0] = *p;
+        piece = std::wstring_view(buffer, 1);
         break;
     }
     AppendPadded(out, piece, width, left, zero && *p != L's');

@@ -37,6 +37,14 @@ TEST(FormatTest, TextHexAndPercent) {
   EXPECT_EQ(CString::Formatted(L"100%%").wstr(), L"100%");
 }
 
+TEST(FormatTest, WidthPaddingAndUnsigned) {
+  EXPECT_EQ(CString::Formatted(L"%06d|%-4d|%4d|%03d", 42, 7, -5, -5).wstr(), L"000042|7   |  -5|-05");
+  EXPECT_EQ(CString::Formatted(L"%u|%I64u", -1, uint64_t{18446744073709551615ULL}).wstr(),
+            L"4294967295|18446744073709551615");
+  EXPECT_EQ(CString::Formatted(L"%X|%c|%s", 0xABCu, L'Z', 12).wstr(), L"ABC|Z|12");
+  EXPECT_EQ(CString::Formatted(L"a%d b%d", 1).wstr(), L"a1 b");
+}
+
 TEST(CStringTest, TokenizeSkipsEmptyTokens) {
   CString text(L";a;;b;");
   int pos = 0;
