@@ -133,6 +133,20 @@ TEST_F(At0130, TimeOffsetOf28800SecondsChecksUtc0130As0930) {
   EXPECT_EQ(CheckLines(), (std::vector<std::wstring>{Log(L"CheckOpenCloseTime:1, 93000, 93000, 93000 ~ 113000")}));
 }
 
+TEST_F(At0130, TimeOffsetOf28800SecondsFromTheSystemTimeRecordChecksUtc0130As0930) {
+  host_.Topic(L"NordaSystemTime");
+  Start();
+  manager_->BuildSessionTable(kSecurity, kDaySessions);
+  sim::SimHost::Write(host_.Topic(L"NordaSystemTime"), {{L"SystemDate", Variant::I4(20261123)},
+                                                       {L"SystemTime", Variant::I4(93000)},
+                                                       {L"TimeDiff", Variant::I4(28800)}});
+  Advance(0);
+  ASSERT_EQ(peer_.TimeDiff().load(), 28800);
+  EXPECT_EQ(Check(Order()), 1);
+  EXPECT_EQ(CheckLines(), (std::vector<std::wstring>{Log(L"CheckOpenCloseTime:1, 93000, 93000, 93000 ~ 113000")}));
+  EXPECT_EQ(peer_.WaitOpenOrders().GetCount(), 0);
+}
+
 TEST_F(At0130, WithoutTheTimeOffsetUtc0130IsBeforeTheSessions) {
   manager_->BuildSessionTable(kSecurity, kDaySessions);
   EXPECT_EQ(Check(Order()), 0);
