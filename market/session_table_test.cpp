@@ -26,6 +26,36 @@ std::wstring SessionJson(const std::wstring& member, const std::wstring& text) {
   return L"{\"" + member + L"\":\"" + text + L"\"}";
 }
 
+// A component object that counts the reads made through it.
+class ReadCountingObject final : public IBaseData {
+ public:
+  explicit ReadCountingObject(IBaseData* inner) : inner_(inner) { inner_->AddRef(); }
+  uint32_t AddRef() override { return ++refs_; }
+  uint32_t Release() override {
+    const uint32_t count = --refs_;
+    if (count == 0) delete this;
+    return count;
+  }
+  int32_t BeginUpdate() override { return inner_->BeginUpdate(); }
+  void SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value) override {
+    inner_->SetData(update_id, kind, key, value);
+  }
+  void EndUpdate(int32_t update_id) override { inner_->EndUpdate(update_id); }
+  Variant GetData(int32_t kind, const Variant& argument) override {
+    ++reads_;
+    return inner_->GetData(kind, argument);
+  }
+  HResult Advise(IBaseDataEvents* sink, uint32_t* cookie) override { return inner_->Advise(sink, cookie); }
+  HResult Unadvise(uint32_t cookie) override { return inner_->Unadvise(cookie); }
+  int reads() const { return reads_.load(); }
+
+ private:
+  ~ReadCountingObject() { inner_->Release(); }
+  std::atomic<uint32_t> refs_{1};
+  std::atomic<int> reads_{0};
+  IBaseData* inner_;
+};
+
 class SessionTableTest : public ManagerTest {
  protected:
   // The security info record's child under `product`; its fields hold JSON.
@@ -216,6 +246,24 @@ TEST_F(SessionTableTest, SecondInitOfAnInitialisedSecurityTouchesNeitherRecordNo
   Init();
   EXPECT_TRUE(host_.Events().empty());
   EXPECT_EQ(Table(kSecurity), (std::vector<stcOCTime>{{930, 1130}}));
+}
+
+TEST_F(SessionTableTest, SecondInitOfAnInitialisedSecurityDoesNotReadTheSecurityInfoRecord) {
+  PublishEntry(kProduct, {{kSecurity, Variant::Text(SessionJson(L"OpenCloseTime", L"09:30~11:30"))}});
+  // The host serves its security info record through an object that counts
+  // the reads; the host keeps the only reference.
+  auto* counting = new ReadCountingObject(host_.Topic(L"Security.Info"));
+  host_.SetTopicRecord(L"Security.Info", counting);
+  counting->Release();
+  StartWithVaultMode(1);
+  Init();
+  ASSERT_EQ(Range(kSecurity), L"09:30~11:30");
+  ASSERT_GT(counting->reads(), 0);
+  const int reads = counting->reads();
+  host_.ClearEvents();
+  Init();
+  EXPECT_EQ(counting->reads(), reads);
+  EXPECT_TRUE(host_.Events().empty());
 }
 
 TEST_F(SessionTableTest, UnknownSecurityAsksTheDatabaseAgainOnItsNextInit) {
