@@ -303,6 +303,17 @@ TEST_F(TimerDispatchTest, PerOrderIdAfter5000Is3001) {
 
   EXPECT_TRUE(Logged(L"Timer Order: C1, 3001"));
   EXPECT_EQ(peer_.OrderTimerId(), 3001);
+  CString key;
+  EXPECT_TRUE(peer_.TimerToOrder().Lookup(L"3001", key));
+  EXPECT_EQ(key, L"C1");
+  CString id;
+  EXPECT_TRUE(peer_.OrderToTimer().Lookup(L"C1", id));
+  EXPECT_EQ(id, L"3001");
+  EXPECT_FALSE(peer_.TimerToOrder().Contains(L"5001"));
+  // Timer 3001 is the one armed: its step takes the order off both maps.
+  Advance(50);
+  EXPECT_FALSE(peer_.TimerToOrder().Contains(L"3001"));
+  EXPECT_FALSE(peer_.OrderToTimer().Contains(L"C1"));
 }
 
 TEST_F(TimerDispatchTest, PerOrderExpiryWhoseIdIsGoneDoesNothing) {
@@ -311,6 +322,20 @@ TEST_F(TimerDispatchTest, PerOrderExpiryWhoseIdIsGoneDoesNothing) {
   Advance(50);
   EXPECT_TRUE(host_.Events().empty());
   EXPECT_TRUE(peer_.OrderData().Contains(L"P1"));
+}
+
+TEST_F(TimerDispatchTest, PerOrderExpiryOfAChildWhoseTimerEntryWasDroppedDoesNothing) {
+  Parent(2, 1);
+  TimedChild(0);
+  // The child's final update drops its timer entries; the armed id runs out.
+  peer_.TimerToOrder().RemoveKey(L"3001");
+  peer_.OrderToTimer().RemoveKey(L"C1");
+  host_.ClearEvents();
+  Advance(5000);
+  EXPECT_TRUE(host_.Events().empty());
+  EXPECT_TRUE(peer_.OrderData().Contains(L"C1"));
+  EXPECT_TRUE(peer_.OrderData().Contains(L"P1"));
+  EXPECT_TRUE(peer_.SendQueue().empty());
 }
 
 TEST_F(TimerDispatchTest, ChildWithExecTypeEightIsRemovedAndFreedAfterItsStep) {
