@@ -296,6 +296,56 @@ TEST(BaseDataTest, GetCountReadsTheNumberOfChildren) {
   EXPECT_EQ(record.GetCount(), 2);
 }
 
+TEST(BaseDataTest, GetLongParsesTextLikeTheWindowsRuntime) {
+  ObjectPtr object = NewObject();
+  CBaseData record;
+  record.Initialize(nullptr, object.get());
+  Write(record, L"Spaced", Variant::Text(L" \t\r\n-42 lots"));
+  Write(record, L"Plus", Variant::Text(L"+7"));
+  Write(record, L"Letters", Variant::Text(L"abc"));
+  Write(record, L"Empty", Variant::Text(L""));
+  Write(record, L"Max", Variant::Text(L"2147483647"));
+  Write(record, L"Min", Variant::Text(L"-2147483648"));
+  Write(record, L"TooBig", Variant::Text(L"2147483648"));
+  Write(record, L"TooSmall", Variant::Text(L"-99999999999"));
+  EXPECT_EQ(record.GetLong(L"Spaced", -1), -42);
+  EXPECT_EQ(record.GetLong(L"Plus", -1), 7);
+  // Text without digits is a number too: 0, not the default.
+  EXPECT_EQ(record.GetLong(L"Letters", -1), 0);
+  EXPECT_EQ(record.GetLong(L"Empty", -1), 0);
+  EXPECT_EQ(record.GetLong(L"Max", 0), INT32_MAX);
+  EXPECT_EQ(record.GetLong(L"Min", 0), INT32_MIN);
+  // Results are 32-bit: out-of-range text is clamped to the nearest end.
+  EXPECT_EQ(record.GetLong(L"TooBig", 0), INT32_MAX);
+  EXPECT_EQ(record.GetLong(L"TooSmall", 0), INT32_MIN);
+}
+
+TEST(BaseDataTest, GetInt64ParsesTextLikeTheWindowsRuntime) {
+  ObjectPtr object = NewObject();
+  CBaseData record;
+  record.Initialize(nullptr, object.get());
+  Write(record, L"Spaced", Variant::Text(L"  +5000000000abc"));
+  Write(record, L"Letters", Variant::Text(L"x1"));
+  Write(record, L"TooBig", Variant::Text(L"9223372036854775808"));
+  EXPECT_EQ(record.GetInt64(L"Spaced", -1), INT64_C(5000000000));
+  EXPECT_EQ(record.GetInt64(L"Letters", -1), 0);
+  EXPECT_EQ(record.GetInt64(L"TooBig", 0), INT64_MAX);
+}
+
+TEST(BaseDataTest, ChineseAccountNameSurvivesARecordRead) {
+  const std::wstring account = L"\u5F20\u4E09\u7684\u8D44\u91D1\u8D26\u6237";
+  ObjectPtr object = NewObject();
+  CBaseData writer;
+  writer.Initialize(nullptr, object.get());
+  Write(writer, L"Account", Variant::Text(account));
+  // A record of the same object, as another thread would build it.
+  std::unique_ptr<CBaseData> reader(CBaseData::FromCookie(writer.GetCookie(), nullptr));
+  ASSERT_NE(reader, nullptr);
+  EXPECT_EQ(reader->GetString(L"Account").wstr(), account);
+  EXPECT_EQ(reader->GetString(L"Account").GetLength(), 7);
+  EXPECT_EQ(reader->GetLong(L"Account", -1), 0);
+}
+
 // --- JSON ---
 
 class BaseDataJsonTest : public ::testing::Test {
@@ -424,6 +474,142 @@ TEST_F(BaseDataChildrenTest, GetChildReadsTheChildInAField) {
   EXPECT_EQ(child->GetName(), L"Third");
   EXPECT_EQ(record_.GetChild(L"Missing", nullptr), nullptr);
   EXPECT_EQ(clock_.SleptMs(), 0);
+}
+
+// --- What the record asks of the component ---
+
+// Stands between a record and a real object and notes every read the record
+// makes: the number of reads of each kind, and the clock's slept time at each
+// read of a child by index.
+class ReadCounter final : public IBaseData {
+ public:
+  ReadCounter(IBaseData* inner, VirtualClock& clock) : inner_(inner), clock_(clock) { inner_->AddRef(); }
+  ~ReadCounter() { inner_->Release(); }
+  ReadCounter(const ReadCounter&) = delete;
+  ReadCounter& operator=(const ReadCounter&) = delete;
+
+  // Owned by the test, which outlives every record bound to it.
+  uint32_t AddRef() override { return ++refs_; }
+  uint32_t Release() override { return --refs_; }
+
+  int32_t BeginUpdate() override { return inner_->BeginUpdate(); }
+  void SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value) override {
+    inner_->SetData(update_id, kind, key, value);
+  }
+  void EndUpdate(int32_t update_id) override { inner_->EndUpdate(update_id); }
+  Variant GetData(int32_t kind, const Variant& argument) override {
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      if (kind == kKindChildren && argument.type() == VarType::I4 && argument.i4() == -1) {
+        ++count_reads_;
+      } else if (kind == kKindChildren) {
+        child_reads_at_.push_back(clock_.SleptMs());
+      } else if (kind == kKindName) {
+        ++name_reads_;
+      }
+    }
+    return inner_->GetData(kind, argument);
+  }
+  HResult Advise(IBaseDataEvents* sink, uint32_t* cookie) override { return inner_->Advise(sink, cookie); }
+  HResult Unadvise(uint32_t cookie) override { return inner_->Unadvise(cookie); }
+
+  int CountReads() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return count_reads_;
+  }
+  std::vector<int64_t> ChildReadsAt() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return child_reads_at_;
+  }
+  int NameReads() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return name_reads_;
+  }
+
+ private:
+  IBaseData* const inner_;
+  VirtualClock& clock_;
+  std::atomic<uint32_t> refs_{0};
+  std::mutex lock_;  // guards the counts below
+  int count_reads_ = 0;
+  std::vector<int64_t> child_reads_at_;
+  int name_reads_ = 0;
+};
+
+class BaseDataReadsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    TsmAppendChild(parent_.get(), first_.get());
+    TsmAppendChild(parent_.get(), second_.get());
+    ASSERT_TRUE(record_.Initialize(nullptr, &counter_));
+  }
+
+  VirtualClock clock_;
+  ObjectPtr parent_ = NewObject(L"Parent");
+  ObjectPtr first_ = NewObject(L"First");
+  ObjectPtr second_ = NewObject(L"Second");
+  ReadCounter counter_{parent_.get(), clock_};
+  CBaseData record_{&clock_};
+};
+
+TEST_F(BaseDataReadsTest, GetChildAtIndexEqualToCountRereadsTheCountOnceWithoutSleeping) {
+  // The empty cache is filled once, then re-read once for the index.
+  EXPECT_EQ(record_.GetChildAt(2, nullptr), nullptr);
+  EXPECT_EQ(counter_.CountReads(), 2);
+  EXPECT_TRUE(counter_.ChildReadsAt().empty());
+  EXPECT_EQ(clock_.SleptMs(), 0);
+
+  // With the cache filled, only the one re-read.
+  EXPECT_EQ(record_.GetChildAt(2, nullptr), nullptr);
+  EXPECT_EQ(counter_.CountReads(), 3);
+  EXPECT_TRUE(counter_.ChildReadsAt().empty());
+  EXPECT_EQ(clock_.SleptMs(), 0);
+
+  // An index below the cached count reads no count at all.
+  std::unique_ptr<CBaseData> child(record_.GetChildAt(1, nullptr));
+  ASSERT_NE(child, nullptr);
+  EXPECT_EQ(counter_.CountReads(), 3);
+  EXPECT_EQ(counter_.ChildReadsAt(), std::vector<int64_t>{0});
+}
+
+TEST_F(BaseDataReadsTest, UndeliverableChildIsAskedTwentyTimesFiftyMsApart) {
+  TsmFailChildReadsForTesting(parent_.get(), 1000);
+  EXPECT_EQ(record_.GetChildAt(0, nullptr), nullptr);
+  std::vector<int64_t> expected;
+  for (int attempt = 0; attempt < 20; ++attempt) expected.push_back(attempt * 50);
+  EXPECT_EQ(counter_.ChildReadsAt(), expected);
+  TsmFailChildReadsForTesting(parent_.get(), 0);
+}
+
+TEST_F(BaseDataReadsTest, GetNameAsksTheComponentOnceEvenAfterARename) {
+  EXPECT_EQ(record_.GetName(), L"Parent");
+  EXPECT_EQ(record_.GetName(), L"Parent");
+  CBaseData renamer;
+  renamer.Initialize(nullptr, parent_.get());
+  const int32_t update_id = renamer.BeginUpdate();
+  renamer.SetData(update_id, kKindName, Variant(), Variant::Text(L"Renamed"));
+  renamer.EndUpdate(update_id);
+  EXPECT_EQ(record_.GetName(), L"Parent");
+  EXPECT_EQ(counter_.NameReads(), 1);
+}
+
+TEST(BaseDataNameTest, EmptyNameIsNotCachedAndIsAskedForAgain) {
+  VirtualClock clock;
+  ObjectPtr object = NewObject(L"");
+  ReadCounter counter(object.get(), clock);
+  CBaseData record;
+  ASSERT_TRUE(record.Initialize(nullptr, &counter));
+  EXPECT_TRUE(record.GetName().IsEmpty());
+  EXPECT_TRUE(record.GetName().IsEmpty());
+  EXPECT_EQ(counter.NameReads(), 2);
+  CBaseData renamer;
+  renamer.Initialize(nullptr, object.get());
+  const int32_t update_id = renamer.BeginUpdate();
+  renamer.SetData(update_id, kKindName, Variant(), Variant::Text(L"Named"));
+  renamer.EndUpdate(update_id);
+  EXPECT_EQ(record.GetName(), L"Named");
+  EXPECT_EQ(record.GetName(), L"Named");
+  EXPECT_EQ(counter.NameReads(), 3);
 }
 
 // --- Cookies ---
