@@ -1,5 +1,7 @@
 #include "data/oak_map_string_to_val.h"
 
+#include <atomic>
+#include <cstdint>
 #include <thread>
 #include <vector>
 
@@ -31,6 +33,30 @@ TEST(COakMapStringToValTest, SetAtOnExistingKeyReplacesTheValue) {
   EXPECT_TRUE(map.Lookup(L"k", value));
   EXPECT_EQ(value, 2);
   EXPECT_EQ(map.GetCount(), 1);
+}
+
+TEST(COakMapStringToValTest, StoredValueIsSignExtendedInThePointerSlot) {
+  COakMapStringToVal map;
+  map.SetAt(L"k", -1);
+  void* slot = nullptr;
+  ASSERT_TRUE(static_cast<CMapStringToPtr&>(map).Lookup(L"k", slot));
+  EXPECT_EQ(reinterpret_cast<intptr_t>(slot), intptr_t{-1});
+}
+
+TEST(COakMapStringToValTest, KeysAreExactAndCaseSensitive) {
+  COakMapStringToVal map;
+  map.SetAt(L"Order-1", 1);
+  map.SetAt(L"order-1", 2);
+  map.SetAt(L"Order-1 ", 3);
+  EXPECT_EQ(map.GetCount(), 3);
+  int32_t value = 0;
+  EXPECT_TRUE(map.Lookup(L"Order-1", value));
+  EXPECT_EQ(value, 1);
+  EXPECT_TRUE(map.Lookup(L"order-1", value));
+  EXPECT_EQ(value, 2);
+  value = 99;
+  EXPECT_FALSE(map.Lookup(L"ORDER-1", value));
+  EXPECT_EQ(value, 99);
 }
 
 TEST(COakMapStringToValTest, ExtremeValuesSurviveTheSlot) {
@@ -67,6 +93,30 @@ TEST(COakMapStringToValTest, ConcurrentWritersAndReaders) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(map.GetCount(), 2000);
+}
+
+TEST(COakMapStringToValTest, ConcurrentWritersOfSharedKeysKeepOneEntryPerKeyAndOnlyWrittenValues) {
+  constexpr int kKeys = 50;
+  constexpr int kRounds = 200;
+  COakMapStringToVal map;
+  std::atomic<int> bad_reads{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&map, &bad_reads, t] {
+      for (int round = 0; round < kRounds; ++round) {
+        for (int k = 0; k < kKeys; ++k) {
+          const CString key = CString::Formatted(L"LevelKey-%d", k);
+          // Every value written to key k is k * 1000 plus a writer number.
+          map.SetAt(key, k * 1000 + t);
+          int32_t value = -1;
+          if (!map.Lookup(key, value) || value / 1000 != k || value % 1000 > 3) ++bad_reads;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(bad_reads.load(), 0);
+  EXPECT_EQ(map.GetCount(), kKeys);
 }
 
 }  // namespace
