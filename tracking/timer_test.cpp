@@ -151,6 +151,23 @@ TEST(TimerTest, ArmingAnArmedIdReturnsZeroAndKeepsItsInterval) {
   timer.StopTimer(101);
 }
 
+TEST(TimerTest, ArmingAnArmedIdKeepsItsCallbackAndContext) {
+  VirtualClock clock;
+  Recorder first(clock);
+  Recorder second(clock);
+  CTimer timer(&clock);
+  first.timer = &timer;
+  second.timer = &timer;
+  ASSERT_EQ(timer.StartTimer(3001, 100, &Recorder::OnTick, &first), 1);
+  EXPECT_EQ(timer.StartTimer(3001, 100, &Recorder::OnOneShot, &second), 0);
+
+  clock.Advance(300);
+  EXPECT_EQ(first.Times(), (std::vector<int64_t>{100, 200, 300}));
+  EXPECT_EQ(second.Count(), 0);
+  EXPECT_EQ(timer.ActiveCount(), 1);
+  timer.StopTimer(3001);
+}
+
 TEST(TimerTest, TimerOf100MsFiresAt100AndEvery100UntilStopped) {
   VirtualClock clock;
   Recorder rec(clock);
@@ -236,6 +253,25 @@ TEST(TimerTest, DestroyingTheServiceWithArmedTimersEndsThemWithoutCallingBack) {
   EXPECT_EQ(clock.ArmedTimerCount(), 0);
   clock.Advance(10'000);
   EXPECT_EQ(rec.Count(), 5);
+}
+
+TEST(TimerTest, DestroyingTheServiceBeforeAnyExpiryNeverCallsBack) {
+  VirtualClock clock;
+  Recorder rec(clock);
+  {
+    CTimer timer(&clock);
+    rec.timer = &timer;
+    ASSERT_EQ(timer.StartTimer(101, 100, &Recorder::OnTick, &rec), 1);
+    ASSERT_EQ(timer.StartTimer(103, 10'000, &Recorder::OnOneShot, &rec), 1);
+    ASSERT_EQ(timer.StartTimer(3001, 1, &Recorder::OnTick, &rec), 1);
+    // A stopped timer whose thread may still be finishing goes as well.
+    timer.StopTimer(3001);
+    clock.WaitForArming();
+    EXPECT_EQ(timer.ActiveCount(), 2);
+  }
+  EXPECT_EQ(clock.ArmedTimerCount(), 0);
+  clock.Advance(20'000);
+  EXPECT_EQ(rec.Count(), 0);
 }
 
 TEST(TimerTest, StartTimerAfterShutdownReturnsOneWithoutArming) {
@@ -466,6 +502,56 @@ TEST(TimerTest, FourThreadsArmingAndStoppingAThousandIdsLeaveNothingBehind) {
   WaitUntil([&] { return timer.ThreadCount() == 0; });
   EXPECT_EQ(timer.RetiredCount(), 0);
   EXPECT_EQ(clock.ArmedTimerCount(), 0);
+}
+
+// Counts its expiries and stops its timer at once, as the slice manager does.
+struct OneShotCounter {
+  CTimer* timer = nullptr;
+  std::atomic<int> calls{0};
+  static void OnTick(unsigned id, void* context) {
+    auto* self = static_cast<OneShotCounter*>(context);
+    self->timer->StopTimer(id);
+    ++self->calls;
+  }
+};
+
+TEST(TimerTest, FourThreadsArmingAndStoppingIdsWhileTheyFireLeaveNothingBehind) {
+  constexpr unsigned kIds = 200;
+  VirtualClock clock;
+  OneShotCounter owner;
+  CTimer timer(&clock);
+  owner.timer = &timer;
+  std::atomic<int> armed{0};
+  std::atomic<int> arming_threads_left{4};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (unsigned i = 0; i < kIds; ++i) {
+        const unsigned id = 3001 + (i + static_cast<unsigned>(t) * kIds / 4) % kIds;
+        if (timer.StartTimer(id, 1 + static_cast<int>(i % 3), &OneShotCounter::OnTick, &owner) == 1) ++armed;
+        // Every other arming is left to fire and stop itself.
+        if (i % 2 == 0) timer.StopTimer(id);
+      }
+      --arming_threads_left;
+    });
+  }
+  // Expiries fall due while the ids are armed and stopped.
+  std::thread advancer([&] {
+    while (arming_threads_left.load() > 0) clock.Advance(1);
+  });
+  for (auto& thread : threads) thread.join();
+  advancer.join();
+  // Whatever is still armed fires once and stops itself.
+  clock.Advance(10);
+  const int calls = owner.calls.load();
+  EXPECT_GT(calls, 0);
+  EXPECT_LE(calls, armed.load());
+  EXPECT_EQ(timer.ActiveCount(), 0);
+  WaitUntil([&] { return timer.ThreadCount() == 0; });
+  EXPECT_EQ(timer.RetiredCount(), 0);
+  EXPECT_EQ(clock.ArmedTimerCount(), 0);
+  clock.Advance(1000);
+  EXPECT_EQ(owner.calls.load(), calls);
 }
 
 TEST(TimerTest, RealTimeTwentyMsTimerFires) {
