@@ -32,6 +32,12 @@ void CTradeSliceManager::KeepSliceOrder(int32_t cookie, int32_t order_index) {
   }
 
   auto register_parent = [&] {
+    void* earlier = nullptr;
+    if (m_mapLevelKeyToOrderData.Lookup(level_key, earlier) && earlier != nullptr && earlier != record) {
+      // The same level key kept again replaces the record; the one it replaces
+      // is no longer reachable and goes the way of every dropped record.
+      RetireUnkeptRecord(static_cast<CBaseData*>(earlier));
+    }
     m_mapLevelKeyToOrderData.SetAt(level_key, record);
     m_mapOrderIndex.SetAt(level_key, order_index);
     m_mapSliceIDToLevelKey.SetAt(slice_id, level_key);

@@ -2,6 +2,7 @@
 // register for each slicing kind, when the session check runs, which locks
 // the first slicing steps run under, and the road of a parent from the topic
 // to the child orders the host receives.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -274,6 +275,20 @@ TEST_F(SliceRegistryTest, TypeTwoRegistersWithItsSliceParametersAndCutsTheFirstC
   EXPECT_TRUE(Logged(L"KeepSliceOrder(2):S1"));
   EXPECT_LT(LogIndex(L"KeepSliceOrder(2):"), LogIndex(L"DoSlicedWork First:"));
   EXPECT_EQ(peer_.SendQueue().size(), 1u);
+}
+
+TEST_F(SliceRegistryTest, SameLevelKeyKeptAgainHoldsTheNewRecordAndRetiresTheEarlierOne) {
+  Keep(Parent(L"L1", L"S1", 2), 3);
+  void* first = nullptr;
+  ASSERT_TRUE(peer_.OrderData().Lookup(L"L1", first));
+  Keep(Parent(L"L1", L"S2", 2), 4);
+  void* second = nullptr;
+  ASSERT_TRUE(peer_.OrderData().Lookup(L"L1", second));
+  EXPECT_NE(second, first);
+  EXPECT_TRUE(Indexed(L"L1", 4));
+  const auto& retired = peer_.RetiredRecords();
+  EXPECT_EQ(std::count(retired.begin(), retired.end(), static_cast<CBaseData*>(first)), 1);
+  EXPECT_EQ(peer_.SendQueue().size(), 2u);
 }
 
 TEST_F(SliceRegistryTest, TypeSevenIsSlicedLikeOneAndTwoWithTheFirstChildAtOnce) {
