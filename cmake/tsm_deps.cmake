@@ -18,23 +18,22 @@ add_library(tsm_rapidjson INTERFACE)
 target_include_directories(tsm_rapidjson SYSTEM INTERFACE ${TSM_RAPIDJSON_INCLUDE})
 
 # GoogleTest: the installed libraries natively; built from Debian's
-# googletest sources for the cross build.
+# googletest sources for the cross build. tsm_gtest comes without main, for
+# benchmarks that include the test support (testing/manager_fixture.h).
 if(CMAKE_CROSSCOMPILING)
   set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
   set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
   add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
   add_library(tsm_gtest_main INTERFACE)
   target_link_libraries(tsm_gtest_main INTERFACE gmock gtest_main)
+  add_library(tsm_gtest INTERFACE)
+  target_link_libraries(tsm_gtest INTERFACE gtest)
 else()
   find_package(GTest REQUIRED)
   add_library(tsm_gtest_main INTERFACE)
   target_link_libraries(tsm_gtest_main INTERFACE GTest::gmock GTest::gtest_main Threads::Threads)
-endif()
-
-if(TSM_BENCHMARKS)
-  find_package(benchmark REQUIRED)
-  add_library(tsm_benchmark_main INTERFACE)
-  target_link_libraries(tsm_benchmark_main INTERFACE benchmark::benchmark_main Threads::Threads)
+  add_library(tsm_gtest INTERFACE)
+  target_link_libraries(tsm_gtest INTERFACE GTest::gtest Threads::Threads)
 endif()
 
 if(TSM_SANITIZE STREQUAL "address")
@@ -50,4 +49,19 @@ if(WIN32)
   # libwinpthread-1.dll and do not start under Wine.
   add_link_options(-static)
   add_compile_definitions(UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX)
+endif()
+
+# Google Benchmark natively (libbenchmark-dev). Debian has no Windows build of
+# it: the cross build's benchmarks get the small runner of
+# testing/benchmark_lite, which takes the same sources.
+if(TSM_BENCHMARKS)
+  add_library(tsm_benchmark_main INTERFACE)
+  if(CMAKE_CROSSCOMPILING AND WIN32)
+    tsm_target(LIBRARY tsm_benchmark_lite SRCS ${PROJECT_SOURCE_DIR}/testing/benchmark_lite/benchmark_lite.cpp)
+    target_include_directories(tsm_benchmark_lite PUBLIC ${PROJECT_SOURCE_DIR}/testing/benchmark_lite/include)
+    target_link_libraries(tsm_benchmark_main INTERFACE tsm_benchmark_lite)
+  else()
+    find_package(benchmark REQUIRED)
+    target_link_libraries(tsm_benchmark_main INTERFACE benchmark::benchmark_main Threads::Threads)
+  endif()
 endif()

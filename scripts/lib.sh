@@ -27,7 +27,9 @@ cmake_args_for() {
     release) echo "-DCMAKE_BUILD_TYPE=Release -DTSM_BENCHMARKS=ON" ;;
     asan) echo "-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTSM_SANITIZE=address" ;;
     tsan) echo "-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTSM_SANITIZE=thread" ;;
-    windows) echo "-DCMAKE_BUILD_TYPE=Release -DCMAKE_TOOLCHAIN_FILE=$PWD/cmake/mingw-w64-x86_64.cmake" ;;
+    # TSM_WINDOWS_BENCHMARKS=1 also builds the benchmarks (testing/benchmark_lite).
+    windows) echo "-DCMAKE_BUILD_TYPE=Release -DCMAKE_TOOLCHAIN_FILE=$PWD/cmake/mingw-w64-x86_64.cmake" \
+               "-DTSM_BENCHMARKS=$([ "${TSM_WINDOWS_BENCHMARKS:-0}" = 1 ] && echo ON || echo OFF)" ;;
     *) echo "unknown configuration: $1" >&2; return 1 ;;
   esac
 }
