@@ -30,7 +30,7 @@ class VirtualClock::Timer final : public ITimerWait {
   void SignalStop() override {
     std::lock_guard<std::mutex> guard(clock_->lock_);
     stop_ = true;
-    clock_->changed_.notify_all();
+    wake_.notify_all();
   }
 
   int Wait() override {
@@ -42,7 +42,7 @@ class VirtualClock::Timer final : public ITimerWait {
       in_flight_ = false;
       clock_->changed_.notify_all();
     }
-    clock_->changed_.wait(guard, [this] { return stop_ || signalled_; });
+    wake_.wait(guard, [this] { return stop_ || signalled_; });
     if (stop_) {
       // The stop wins: no callback follows for a pending expiry.
       stop_ = false;
@@ -61,6 +61,9 @@ class VirtualClock::Timer final : public ITimerWait {
   bool signalled_ = false;
   bool stop_ = false;
   bool in_flight_ = false;  // expiry delivered, callback not yet finished
+  // Wakes only this timer's thread: with a thousand timers waiting, one
+  // shared condition would wake them all on every expiry.
+  std::condition_variable wake_;
   int64_t due_ = 0;
   int64_t period_ = 0;
   uint64_t sequence_ = 0;
@@ -111,6 +114,7 @@ void VirtualClock::Advance(int64_t ms) {
     now_ms_ = std::max(now_ms_, next->due_);
     next->signalled_ = true;
     next->in_flight_ = true;
+    next->wake_.notify_one();
     if (next->period_ > 0) {
       next->due_ += next->period_;
     } else {

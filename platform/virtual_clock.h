@@ -60,7 +60,7 @@ class VirtualClock final : public IClock {
   void Quiesce();
 
   mutable std::mutex lock_;  // guards every member below
-  std::condition_variable changed_;
+  std::condition_variable changed_;  // Advance and WaitForArming wait on it; timers have their own
   int64_t now_ms_;
   int64_t slept_ms_ = 0;
   int32_t local_offset_s_ = 0;
