@@ -1,8 +1,10 @@
 #include "slicehost/exchange.h"
 
 #include <algorithm>
+#include <array>
 #include <cwchar>
 #include <memory>
+#include <string_view>
 
 namespace tsm::sim {
 
@@ -10,6 +12,22 @@ namespace {
 
 int32_t ToI4(const std::wstring& text) { return static_cast<int32_t>(std::wcstol(text.c_str(), nullptr, 10)); }
 int64_t ToI8(const std::wstring& text) { return std::wcstoll(text.c_str(), nullptr, 10); }
+// The same on a piece of a line: wcstol needs the terminating null, which a
+// short piece gets in a buffer on the stack.
+int64_t ToI8(std::wstring_view text) {
+  wchar_t buffer[32];
+  if (text.size() >= std::size(buffer)) return ToI8(std::wstring(text));
+  text.copy(buffer, text.size());
+  buffer[text.size()] = L'\0';
+  return std::wcstoll(buffer, nullptr, 10);
+}
+int32_t ToI4(std::wstring_view text) {
+  wchar_t buffer[32];
+  if (text.size() >= std::size(buffer)) return ToI4(std::wstring(text));
+  text.copy(buffer, text.size());
+  buffer[text.size()] = L'\0';
+  return static_cast<int32_t>(std::wcstol(buffer, nullptr, 10));
+}
 
 std::wstring ReadText(IBaseData* record, const std::wstring& field) {
   Variant value = record->GetData(kKindFieldByName, Variant::Text(field));
@@ -33,6 +51,63 @@ IBaseData* FromCookie(const Variant* data) {
     return nullptr;
   }
   return object;
+}
+
+// The keys of a new-order command that a child record is made from.
+enum NewOrderKey {
+  kQty, kSlicedId, kSymbol, kSide, kAccount, kType, kBrokerId, kPrice, kPriceString, kOrderType, kTimeInForce,
+  kGroupId, kGroupType, kGroupPrefix, kConsecutive, kNumberOfRetries, kRetryInterval, kSpreadId, kSlicedType,
+  kNewOrderKeys
+};
+constexpr std::wstring_view kNewOrderKeyNames[kNewOrderKeys] = {
+    L"QTY", L"SlicedID", L"SYMBOL", L"SIDE", L"ACCOUNT", L"TYPE", L"BROKERID", L"PRICE", L"PRICESTRING",
+    L"ORDERTYPE", L"TIMEINFORCE", L"GROUPID", L"GROUPTYPE", L"GroupPrefix", L"Consecutive", L"NumberOfRetries",
+    L"RetryInterval", L"SpreadID", L"SlicedType"};
+using CommandValues = std::array<std::wstring_view, kNewOrderKeys>;
+
+// The values of those keys in a command line, split once: the first
+// occurrence of a key counts, an absent key is empty. Views into `line`.
+CommandValues SplitNewOrder(std::wstring_view line) {
+  CommandValues values;
+  std::array<bool, kNewOrderKeys> seen{};
+  for (size_t at = 0; at <= line.size();) {
+    size_t end = line.find(L',', at);
+    if (end == std::wstring_view::npos) end = line.size();
+    const size_t equals = line.find(L'=', at);
+    if (equals != std::wstring_view::npos && equals < end) {
+      const std::wstring_view key = line.substr(at, equals - at);
+      for (int k = 0; k < kNewOrderKeys; ++k) {
+        if (!seen[k] && kNewOrderKeyNames[k] == key) {
+          seen[k] = true;
+          values[k] = line.substr(equals + 1, end - equals - 1);
+          break;
+        }
+      }
+    }
+    at = end + 1;
+  }
+  return values;
+}
+
+// The fields of a child record, in the order they are written.
+enum class ChildField {
+  kLevelKey, kSymbol, kSide, kAccount, kSecurityType, kBrokerId, kPrice, kPriceString, kOrderType, kTimeInForce,
+  kOriginalQty, kOrderQty, kLeavesQty, kCumQty, kOrderId, kSliceId, kGroupId, kGroupType, kGroupPrefix,
+  kConsecutive, kNumberOfRetries, kRetryInterval, kSpreadId, kSlicedType, kCount
+};
+
+// Field names as the keys of SetData, made once.
+const Variant& ChildFieldName(ChildField field) {
+  static const std::array<Variant, static_cast<size_t>(ChildField::kCount)> names = {
+      Variant::Text(L"LevelKey"), Variant::Text(L"Symbol"), Variant::Text(L"Side"), Variant::Text(L"Account"),
+      Variant::Text(L"SecurityType"), Variant::Text(L"BrokerID"), Variant::Text(L"Price"),
+      Variant::Text(L"PriceString"), Variant::Text(L"OrderType"), Variant::Text(L"TimeInForce"),
+      Variant::Text(L"OriginalQty"), Variant::Text(L"OrderQty"), Variant::Text(L"LeavesQty"),
+      Variant::Text(L"CumQty"), Variant::Text(L"OrderID"), Variant::Text(L"SliceID"), Variant::Text(L"GroupID"),
+      Variant::Text(L"GroupType"), Variant::Text(L"GroupPrefix"), Variant::Text(L"Consecutive"),
+      Variant::Text(L"NumberOfRetries"), Variant::Text(L"RetryInterval"), Variant::Text(L"SpreadID"),
+      Variant::Text(L"SlicedType")};
+  return names[static_cast<size_t>(field)];
 }
 
 // Keeps a reference alive inside a posted action, released also when the
@@ -84,7 +159,7 @@ SimExchange::~SimExchange() {
     std::lock_guard<std::mutex> guard(gate_->lock);
     gate_->exchange = nullptr;
   }
-  std::map<std::wstring, Entry*> orders;
+  std::unordered_map<std::wstring, Entry*> orders;
   {
     std::lock_guard<std::mutex> guard(lock_);
     orders.swap(orders_);
@@ -237,7 +312,9 @@ std::wstring SimExchange::SubmitParent(const FieldList& fields, int64_t delay_ms
         it->second->view.order_index = index;
       }
     }
-    Record("ExchangeSubmit", level_key, -1, L"SliceID=" + slice_id + L",Index=" + std::to_wstring(index));
+    if (host_.KeepsEvents()) {
+      Record("ExchangeSubmit", level_key, -1, L"SliceID=" + slice_id + L",Index=" + std::to_wstring(index));
+    }
     Variant data = Variant::I4(static_cast<int32_t>(cookie));
     if (manager != nullptr) manager->SetTopic(L"TRADE.SLICE.MANAGER", 0, 0, std::to_wstring(index), &data);
   });
@@ -321,24 +398,12 @@ void SimExchange::OnSend(const std::wstring& topic, int32_t /*param1*/, int32_t 
 }
 
 void SimExchange::OnNewOrder(const std::wstring& command) {
-  // The line is split once; the first occurrence of a key counts.
-  std::map<std::wstring, std::wstring> values;
-  for (size_t at = 0; at <= command.size();) {
-    size_t end = command.find(L',', at);
-    if (end == std::wstring::npos) end = command.size();
-    const size_t equals = command.find(L'=', at);
-    if (equals != std::wstring::npos && equals < end) {
-      values.emplace(command.substr(at, equals - at), command.substr(equals + 1, end - equals - 1));
-    }
-    at = end + 1;
-  }
-  auto value = [&values](const wchar_t* key) {
-    auto it = values.find(key);
-    return it == values.end() ? std::wstring() : it->second;
-  };
-  const int32_t qty = ToI4(value(L"QTY"));
-  const std::wstring slice_id = value(L"SlicedID");
-  const std::wstring symbol = value(L"SYMBOL");
+  const CommandValues values = SplitNewOrder(command);
+  auto text = [&values](NewOrderKey key) { return Variant::Text(std::wstring(values[key])); };
+  auto i4 = [&values](NewOrderKey key) { return Variant::I4(ToI4(values[key])); };
+  const int32_t qty = ToI4(values[kQty]);
+  const std::wstring slice_id(values[kSlicedId]);
+  const std::wstring symbol(values[kSymbol]);
   auto* order = new Entry;
   std::wstring level_key;
   int64_t delivery_delay;
@@ -348,38 +413,43 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
     order->behaviour = BehaviourFor(symbol);
     delivery_delay = order->behaviour.delivery_delay_ms;
   }
-  FieldList fields = {
-      {L"LevelKey", Variant::Text(level_key)},
-      {L"Symbol", Variant::Text(symbol)},
-      {L"Side", Variant::Text(value(L"SIDE"))},
-      {L"Account", Variant::Text(value(L"ACCOUNT"))},
-      {L"SecurityType", Variant::Text(value(L"TYPE"))},
-      {L"BrokerID", Variant::Text(value(L"BROKERID"))},
-      {L"Price", Variant::I8(ToI8(value(L"PRICE")))},
-      {L"PriceString", Variant::Text(value(L"PRICESTRING"))},
-      {L"OrderType", Variant::I4(ToI4(value(L"ORDERTYPE")))},
-      {L"TimeInForce", Variant::I4(ToI4(value(L"TIMEINFORCE")))},
-      {L"OriginalQty", Variant::I4(qty)},
-      {L"OrderQty", Variant::I4(qty)},
-      {L"LeavesQty", Variant::I4(qty)},
-      {L"CumQty", Variant::I4(0)},
-      {L"OrderID", Variant::Text(L"")},
-      {L"SliceID", Variant::Text(slice_id)},
-      {L"GroupID", Variant::Text(value(L"GROUPID"))},
-      {L"GroupType", Variant::I4(ToI4(value(L"GROUPTYPE")))},
-      {L"GroupPrefix", Variant::Text(value(L"GroupPrefix"))},
-      {L"Consecutive", Variant::I4(ToI4(value(L"Consecutive")))},
-      {L"NumberOfRetries", Variant::I4(ToI4(value(L"NumberOfRetries")))},
-      {L"RetryInterval", Variant::I4(ToI4(value(L"RetryInterval")))},
-      {L"SpreadID", Variant::Text(value(L"SpreadID"))},
-  };
-  const std::wstring sliced_type = value(L"SlicedType");
-  if (!sliced_type.empty()) fields.emplace_back(L"SlicedType", Variant::I4(ToI4(sliced_type)));
-  order->record = SimHost::NewRecord(L"order", fields);
+  order->record = TsmCreateBaseData(L"order");
+  {
+    IBaseData* record = order->record;
+    const int32_t update = record->BeginUpdate();
+    auto set = [record, update](ChildField field, const Variant& value) {
+      record->SetData(update, kKindFieldByName, ChildFieldName(field), value);
+    };
+    set(ChildField::kLevelKey, Variant::Text(level_key));
+    set(ChildField::kSymbol, Variant::Text(symbol));
+    set(ChildField::kSide, text(kSide));
+    set(ChildField::kAccount, text(kAccount));
+    set(ChildField::kSecurityType, text(kType));
+    set(ChildField::kBrokerId, text(kBrokerId));
+    set(ChildField::kPrice, Variant::I8(ToI8(values[kPrice])));
+    set(ChildField::kPriceString, text(kPriceString));
+    set(ChildField::kOrderType, i4(kOrderType));
+    set(ChildField::kTimeInForce, i4(kTimeInForce));
+    set(ChildField::kOriginalQty, Variant::I4(qty));
+    set(ChildField::kOrderQty, Variant::I4(qty));
+    set(ChildField::kLeavesQty, Variant::I4(qty));
+    set(ChildField::kCumQty, Variant::I4(0));
+    set(ChildField::kOrderId, Variant::Text(std::wstring()));
+    set(ChildField::kSliceId, Variant::Text(slice_id));
+    set(ChildField::kGroupId, text(kGroupId));
+    set(ChildField::kGroupType, i4(kGroupType));
+    set(ChildField::kGroupPrefix, text(kGroupPrefix));
+    set(ChildField::kConsecutive, i4(kConsecutive));
+    set(ChildField::kNumberOfRetries, i4(kNumberOfRetries));
+    set(ChildField::kRetryInterval, i4(kRetryInterval));
+    set(ChildField::kSpreadId, text(kSpreadId));
+    if (!values[kSlicedType].empty()) set(ChildField::kSlicedType, i4(kSlicedType));
+    record->EndUpdate(update);
+  }
   order->view.level_key = level_key;
   order->view.slice_id = slice_id;
   order->view.symbol = symbol;
-  order->view.command = command;
+  if (host_.KeepsEvents()) order->view.command = command;
   order->view.qty = qty;
   order->view.leaves_qty = qty;
   {
@@ -393,7 +463,10 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
     account.children.push_back(level_key);
     account.child_qtys.push_back(qty);
   }
-  Record("ExchangeNew", level_key, -1, L"SliceID=" + slice_id + L",Symbol=" + symbol + L",Qty=" + std::to_wstring(qty));
+  if (host_.KeepsEvents()) {
+    Record("ExchangeNew", level_key, -1,
+           L"SliceID=" + slice_id + L",Symbol=" + symbol + L",Qty=" + std::to_wstring(qty));
+  }
   loop_.Post(delivery_delay, [this, level_key] { Deliver(level_key); });
 }
 
@@ -500,8 +573,10 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
     work = order->behaviour.work_final_portion && sliced_type != 5;
     ack_delay = order->behaviour.ack_delay_ms;
   }
-  Record("ExchangeFinal", level_key, -1,
-         L"SliceID=" + slice_id + L",Qty=" + std::to_wstring(qty) + (work ? L"" : L",Held=1"));
+  if (host_.KeepsEvents()) {
+    Record("ExchangeFinal", level_key, -1,
+           L"SliceID=" + slice_id + L",Qty=" + std::to_wstring(qty) + (work ? L"" : L",Held=1"));
+  }
   if (work) loop_.Post(ack_delay, [this, level_key] { Acknowledge(level_key); });
 }
 
@@ -614,7 +689,7 @@ void SimExchange::Acknowledge(const std::wstring& level_key) {
   }
   // Announced before the write: the manager hears the write on another
   // thread at once, and a transcript must show cause before reaction.
-  Record("ExchangeAck", level_key, exec_type, L"OrderID=" + order_id);
+  if (host_.KeepsEvents()) Record("ExchangeAck", level_key, exec_type, L"OrderID=" + order_id);
   SimHost::Write(record.get(), {{L"ExecType", Variant::I4(exec_type)}, {L"OrderID", Variant::Text(order_id)}});
   if (fill) loop_.Post(fill_delay, [this, level_key] { ScheduledFill(level_key); });
 }
@@ -671,9 +746,11 @@ bool SimExchange::ApplyFill(const std::wstring& level_key, int32_t qty) {
     more = leaves > 0 && cum < order->fill_target && order->fill_steps_left > 0;
     record = Hold(order->record);
   }
-  Record("ExchangeFill", level_key, exec_type,
-         L"Fill=" + std::to_wstring(qty) + L",CumQty=" + std::to_wstring(cum) + L",LeavesQty=" +
-             std::to_wstring(leaves));
+  if (host_.KeepsEvents()) {
+    Record("ExchangeFill", level_key, exec_type,
+           L"Fill=" + std::to_wstring(qty) + L",CumQty=" + std::to_wstring(cum) + L",LeavesQty=" +
+               std::to_wstring(leaves));
+  }
   SimHost::Write(record.get(), {{L"ExecType", Variant::I4(exec_type)},
                                 {L"CumQty", Variant::I4(cum)},
                                 {L"LeavesQty", Variant::I4(leaves)}});
@@ -760,6 +837,18 @@ int32_t SimExchange::DoneCount() const {
   std::lock_guard<std::mutex> guard(lock_);
   int32_t count = 0;
   for (const auto& [key, order] : orders_) count += (!order->parent && order->view.done) ? 1 : 0;
+  return count;
+}
+
+int32_t SimExchange::AccountCount() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return static_cast<int32_t>(account_order_.size());
+}
+
+int32_t SimExchange::EndedAccountCount() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  int32_t count = 0;
+  for (const auto& [slice_id, account] : accounts_) count += account.end_ms >= 0 ? 1 : 0;
   return count;
 }
 

@@ -66,6 +66,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "slicehost/host_loop.h"
@@ -133,7 +134,8 @@ struct ExchangeOrder {
   std::wstring slice_id;
   std::wstring symbol;
   std::wstring order_id;       // empty until acknowledged
-  std::wstring command;        // the new-order command (empty for a final portion)
+  std::wstring command;        // the new-order command (empty for a final portion, and while
+                               // the host keeps no events)
   int32_t qty = 0;
   int32_t cum_qty = 0;
   int32_t leaves_qty = 0;
@@ -206,6 +208,10 @@ class SimExchange {
   // Children in a final state and children still working.
   int32_t DoneCount() const;
   int32_t WorkingCount() const;
+  // Parents with an account, and those of them that have ended (final
+  // portion filled or position transferred); cheaper than Accounts().
+  int32_t AccountCount() const;
+  int32_t EndedAccountCount() const;
 
   // The SendTopic handler installed in `host.on_send` (public so a host that
   // chains several handlers can call it).
@@ -257,9 +263,9 @@ class SimExchange {
   int32_t next_parent_ = 1;
   int32_t next_order_id_ = 1;
   int32_t order_set_size_ = 0;
-  std::map<std::wstring, Entry*> orders_;         // level key -> order (owned), children and parents
+  std::unordered_map<std::wstring, Entry*> orders_;  // level key -> order (owned), children and parents
   std::vector<std::wstring> arrival_;             // level keys of children and final portions, in order
-  std::map<std::wstring, ParentAccount> accounts_;
+  std::unordered_map<std::wstring, ParentAccount> accounts_;
   std::vector<std::wstring> account_order_;       // slice ids in order of first appearance
   std::map<std::wstring, std::wstring> parent_slice_;  // parent level key -> slice id
 };

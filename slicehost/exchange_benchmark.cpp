@@ -25,6 +25,7 @@ int NoVariance() { return 0; }
 struct World {
   World() : clock(kStartUtcMs), host(clock), manager(new CTradeSliceManager(&clock)), loop(clock),
             exchange(host, loop, clock, manager) {
+    host.SetKeepEvents(false);  // nothing reads the recorded calls
     manager->AddRef();
     manager->Advise(&host, &sink);
     manager->SetRandomSourceForTesting(&NoVariance);

@@ -62,12 +62,15 @@ uint32_t SimHost::Release() {
 int64_t SimHost::ElapsedMs() const { return clock_.NowMs() - start_ms_; }
 
 void SimHost::Record(HostEvent event) {
+  if (!KeepsEvents()) return;
   event.t_ms = ElapsedMs();
   std::lock_guard<std::mutex> guard(lock_);
   events_.push_back(std::move(event));
 }
 
 void SimHost::RecordCall(HostEvent event) { Record(std::move(event)); }
+
+void SimHost::SetKeepEvents(bool keep) { keep_events_.store(keep, std::memory_order_relaxed); }
 
 HResult SimHost::RegisterTopic(const std::wstring& topic, Variant* result) {
   HostEvent e;
@@ -95,15 +98,17 @@ HResult SimHost::GetTopicData(const std::wstring& topic, Variant* result) {
 
 HResult SimHost::SendTopic(const std::wstring& topic, int32_t param1, int32_t param2, const std::wstring& text,
                            Variant* data, Variant* result) {
-  HostEvent e;
-  e.ev = "SendTopic";
-  e.topic = topic;
-  e.p1 = param1;
-  e.p2 = param2;
-  e.text = text;
-  e.data_json = DescribeData(topic, param1, param2, data);
-  if (data != nullptr) e.data = *data;
-  Record(std::move(e));
+  if (KeepsEvents()) {
+    HostEvent e;
+    e.ev = "SendTopic";
+    e.topic = topic;
+    e.p1 = param1;
+    e.p2 = param2;
+    e.text = text;
+    e.data_json = DescribeData(topic, param1, param2, data);
+    if (data != nullptr) e.data = *data;
+    Record(std::move(e));
+  }
 
   if (topic == L"MARZIPAN.REQUEST" && data != nullptr) {
     if (text == L"STKINFO" && data->type() == VarType::BStr) {
@@ -132,6 +137,7 @@ HResult SimHost::SendTopic(const std::wstring& topic, int32_t param1, int32_t pa
 }
 
 HResult SimHost::WriteLog(const std::wstring& line) {
+  if (!KeepsEvents()) return kS_OK;
   HostEvent e;
   e.ev = "WriteLog";
   e.text = line;

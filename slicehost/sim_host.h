@@ -11,6 +11,7 @@
 // mutex; `on_send` runs on the raising thread, outside that mutex.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -82,6 +83,12 @@ class SimHost final : public INordaManagerEvents {
   // Calls of the manager, recorded too.
   void RecordCall(HostEvent event);
 
+  // When off, no event is kept (Events() and the queries below stay empty)
+  // and callers may skip building them; the answers and `on_send` work as
+  // before. On by default; a benchmark that reads no events turns it off.
+  void SetKeepEvents(bool keep);
+  bool KeepsEvents() const { return keep_events_.load(std::memory_order_relaxed); }
+
   std::vector<HostEvent> Events() const;
   // The events from index `first` on (empty when there are no more).
   std::vector<HostEvent> EventsFrom(size_t first) const;
@@ -105,6 +112,7 @@ class SimHost final : public INordaManagerEvents {
 
   IClock& clock_;
   const int64_t start_ms_;
+  std::atomic<bool> keep_events_{true};
   mutable std::mutex lock_;  // guards everything below
   uint32_t refs_ = 0;
   std::vector<HostEvent> events_;
