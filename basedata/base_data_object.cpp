@@ -35,14 +35,15 @@ int32_t BaseDataObject::BeginUpdate() {
 }
 
 void BaseDataObject::SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value) {
+  Write write = MakeWrite(kind, key, value);
   std::lock_guard<std::mutex> guard(lock_);
   for (OpenUpdate& open : open_updates_) {
     if (open.id == update_id) {
-      open.writes.push_back(PendingWrite{kind, key, value});
+      open.writes.push_back(std::move(write));
       return;
     }
   }
-  ApplyLocked(kind, key, value, nullptr);
+  ApplyLocked(std::move(write), nullptr);
 }
 
 void BaseDataObject::EndUpdate(int32_t update_id) {
@@ -52,37 +53,58 @@ void BaseDataObject::EndUpdate(int32_t update_id) {
   std::wstring changed;
   std::wstring* text = sinks_.empty() ? nullptr : &changed;
   if (open != open_updates_.end()) {
-    for (const PendingWrite& write : open->writes) ApplyLocked(write.kind, write.key, write.value, text);
+    for (Write& write : open->writes) ApplyLocked(std::move(write), text);
     open_updates_.erase(open);
   }
-  PostLocked(QueuedEvent::Kind::kUpdate, update_id, changed);
+  PostLocked(QueuedEvent::Kind::kUpdate, update_id, std::move(changed));
 }
 
-void BaseDataObject::ApplyLocked(int32_t kind, const Variant& key, const Variant& value, std::wstring* changed) {
-  std::wstring field;
+BaseDataObject::Write BaseDataObject::MakeWrite(int32_t kind, const Variant& key, const Variant& value) {
+  Write write;
   if (kind == kKindFieldByName && key.type() == VarType::BStr) {
-    if (value.IsEmpty()) {
-      fields_by_name_.erase(key.text());
-    } else {
-      fields_by_name_.insert_or_assign(key.text(), value);
-    }
-    if (changed != nullptr) field = key.text();
+    write.target = Write::Target::kField;
+    write.field = FieldTable::Intern(key.text());
   } else if (kind == kKindFieldById && key.type() == VarType::I4) {
-    if (value.IsEmpty()) {
-      fields_by_id_.erase(key.i4());
-    } else {
-      fields_by_id_.insert_or_assign(key.i4(), value);
-    }
-    if (changed != nullptr) field = std::to_wstring(key.i4());
+    write.target = Write::Target::kFieldById;
+    write.id = key.i4();
   } else if (kind == kKindName && value.type() == VarType::BStr) {
-    name_ = value.text();
-    return;
+    write.target = Write::Target::kRename;
   } else {
-    return;
+    return write;
   }
-  if (changed != nullptr) {
-    if (!changed->empty()) *changed += L',';
-    *changed += field;
+  write.value = value;
+  return write;
+}
+
+void BaseDataObject::ApplyLocked(Write write, std::wstring* changed) {
+  switch (write.target) {
+    case Write::Target::kField:
+      if (write.value.IsEmpty()) {
+        fields_by_name_.Erase(write.field);
+      } else {
+        fields_by_name_.Set(write.field, std::move(write.value));
+      }
+      if (changed != nullptr) {
+        if (!changed->empty()) *changed += L',';
+        *changed += write.field->text;
+      }
+      break;
+    case Write::Target::kFieldById:
+      if (write.value.IsEmpty()) {
+        fields_by_id_.erase(write.id);
+      } else {
+        fields_by_id_.insert_or_assign(write.id, std::move(write.value));
+      }
+      if (changed != nullptr) {
+        if (!changed->empty()) *changed += L',';
+        *changed += std::to_wstring(write.id);
+      }
+      break;
+    case Write::Target::kRename:
+      name_ = write.value.TakeText();
+      break;
+    case Write::Target::kNone:
+      break;
   }
 }
 
@@ -91,8 +113,8 @@ Variant BaseDataObject::GetData(int32_t kind, const Variant& argument) {
   switch (kind) {
     case kKindFieldByName: {
       if (argument.type() != VarType::BStr) return Variant();
-      const auto it = fields_by_name_.find(argument.text());
-      return it != fields_by_name_.end() ? it->second : Variant();
+      const Variant* value = fields_by_name_.Find(argument.text());
+      return value != nullptr ? *value : Variant();
     }
     case kKindFieldById: {
       if (argument.type() != VarType::I4) return Variant();
@@ -178,10 +200,18 @@ void BaseDataObject::RaiseReplace(int32_t id) {
   PostLocked(QueuedEvent::Kind::kReplace, id, std::wstring());
 }
 
-void BaseDataObject::PostLocked(QueuedEvent::Kind kind, int32_t id, const std::wstring& text) {
-  for (const SinkEntry& entry : sinks_) {
+void BaseDataObject::PostLocked(QueuedEvent::Kind kind, int32_t id, std::wstring text) {
+  for (std::size_t i = 0; i < sinks_.size(); ++i) {
+    const SinkEntry& entry = sinks_[i];
     entry.sink->AddRef();
-    EventQueue::Instance().Post(QueuedEvent{kind, id, text, entry.sink, entry.connection});
+    QueuedEvent event{kind, id, std::wstring(), entry.sink, entry.connection};
+    // The last sink takes the text itself.
+    if (i + 1 < sinks_.size()) {
+      event.text = text;
+    } else {
+      event.text = std::move(text);
+    }
+    EventQueue::Instance().Post(std::move(event));
   }
 }
 

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "basedata/event_queue.h"
+#include "basedata/field_table.h"
 #include "tradeslice/base_data_api.h"
 
 namespace tsm::basedata {
@@ -63,14 +64,18 @@ class BaseDataObject final : public IBaseData {
     IBaseData* object = nullptr;  // a reference of the slot's own
     uint32_t cookie = 0;          // interface-table cookie; 0: not published yet
   };
-  struct PendingWrite {
-    int32_t kind;
-    Variant key;
+  // One write as it takes effect: a field by name (its name pooled), a
+  // field by id, or the object's name. A write of any other shape has none.
+  struct Write {
+    enum class Target { kNone, kField, kFieldById, kRename };
+    Target target = Target::kNone;
+    const FieldTable::Name* field = nullptr;
+    int32_t id = 0;
     Variant value;
   };
   struct OpenUpdate {
     int32_t id;
-    std::vector<PendingWrite> writes;
+    std::vector<Write> writes;
   };
   struct SinkEntry {
     uint32_t cookie;
@@ -80,12 +85,14 @@ class BaseDataObject final : public IBaseData {
 
   ~BaseDataObject();
 
+  // What SetData(kind, key, value) writes; needs no lock.
+  static Write MakeWrite(int32_t kind, const Variant& key, const Variant& value);
   // Applies one write; appends the written field's name to `changed` (when
   // given) for the update's event text.
-  void ApplyLocked(int32_t kind, const Variant& key, const Variant& value, std::wstring* changed);
+  void ApplyLocked(Write write, std::wstring* changed);
   Variant PublishLocked(ChildSlot& slot);
   Variant ChildAtLocked(int32_t index);
-  void PostLocked(QueuedEvent::Kind kind, int32_t id, const std::wstring& text);
+  void PostLocked(QueuedEvent::Kind kind, int32_t id, std::wstring text);
   // Revokes the slot's cookie and drops its reference; call without the lock.
   static void Retire(const ChildSlot& slot);
 
@@ -93,7 +100,7 @@ class BaseDataObject final : public IBaseData {
 
   std::mutex lock_;  // guards every member below
   std::wstring name_;
-  std::unordered_map<std::wstring, Variant> fields_by_name_;
+  FieldTable fields_by_name_;
   std::unordered_map<int32_t, Variant> fields_by_id_;
   std::unordered_map<std::wstring, ChildSlot> named_children_;
   std::vector<ChildSlot> children_;

@@ -1,0 +1,91 @@
+#include "basedata/field_table.h"
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace tsm::basedata {
+namespace {
+
+const FieldTable::Name* N(const std::wstring& text) { return FieldTable::Intern(text); }
+
+TEST(FieldTableTest, InternGivesOneNamePerText) {
+  const FieldTable::Name* a = N(L"LeavesQty");
+  EXPECT_EQ(a, N(L"LeavesQty"));
+  EXPECT_EQ(a->text, L"LeavesQty");
+  EXPECT_NE(a, N(L"leavesqty"));  // case-sensitive
+  EXPECT_NE(a, N(L"LeavesQty "));
+  EXPECT_EQ(N(L""), N(L""));
+}
+
+TEST(FieldTableTest, SetFindOverwrite) {
+  FieldTable table;
+  EXPECT_EQ(table.Find(L"OrderQty"), nullptr);
+  table.Set(N(L"OrderQty"), Variant::I4(300));
+  table.Set(N(L"Symbol"), Variant::Text(L"QX.S.TW.2330"));
+  ASSERT_NE(table.Find(L"OrderQty"), nullptr);
+  EXPECT_EQ(*table.Find(L"OrderQty"), Variant::I4(300));
+  EXPECT_EQ(*table.Find(L"Symbol"), Variant::Text(L"QX.S.TW.2330"));
+  table.Set(N(L"OrderQty"), Variant::I8(7));
+  EXPECT_EQ(*table.Find(L"OrderQty"), Variant::I8(7));
+  EXPECT_EQ(table.size(), 2u);
+  EXPECT_EQ(table.Find(L"orderqty"), nullptr);
+  EXPECT_EQ(table.Find(L"Order"), nullptr);
+}
+
+// Enough fields to grow the index several times; every one stays readable.
+TEST(FieldTableTest, ManyFieldsThroughGrowth) {
+  FieldTable table;
+  for (int i = 0; i < 500; ++i) table.Set(N(L"F" + std::to_wstring(i)), Variant::I4(i));
+  EXPECT_EQ(table.size(), 500u);
+  for (int i = 0; i < 500; ++i) {
+    const Variant* value = table.Find(L"F" + std::to_wstring(i));
+    ASSERT_NE(value, nullptr) << i;
+    EXPECT_EQ(value->i4(), i);
+  }
+  EXPECT_EQ(table.Find(L"F500"), nullptr);
+}
+
+// Removals in every order keep the others readable: the probe runs are
+// closed up and the moved last entry is found again.
+TEST(FieldTableTest, EraseKeepsTheOthers) {
+  FieldTable table;
+  const int n = 200;
+  for (int i = 0; i < n; ++i) table.Set(N(L"E" + std::to_wstring(i)), Variant::I4(i));
+  for (int i = 0; i < n; i += 3) table.Erase(N(L"E" + std::to_wstring(i)));
+  table.Erase(N(L"never set"));
+  for (int i = 0; i < n; ++i) {
+    const Variant* value = table.Find(L"E" + std::to_wstring(i));
+    if (i % 3 == 0) {
+      EXPECT_EQ(value, nullptr) << i;
+    } else {
+      ASSERT_NE(value, nullptr) << i;
+      EXPECT_EQ(value->i4(), i);
+    }
+  }
+  for (int i = 0; i < n; ++i) table.Erase(N(L"E" + std::to_wstring(i)));
+  EXPECT_EQ(table.size(), 0u);
+  EXPECT_EQ(table.Find(L"E1"), nullptr);
+  table.Set(N(L"E1"), Variant::I4(-1));
+  EXPECT_EQ(table.Find(L"E1")->i4(), -1);
+}
+
+TEST(FieldTableTest, InternFromManyThreads) {
+  std::vector<std::thread> threads;
+  std::vector<std::vector<const FieldTable::Name*>> seen(4);
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &seen] {
+      for (int i = 0; i < 2000; ++i) seen[t].push_back(N(L"Pooled" + std::to_wstring(i)));
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  for (int i = 0; i < 2000; ++i) {
+    EXPECT_EQ(seen[0][i]->text, L"Pooled" + std::to_wstring(i));
+    for (int t = 1; t < 4; ++t) EXPECT_EQ(seen[t][i], seen[0][i]);
+  }
+}
+
+}  // namespace
+}  // namespace tsm::basedata
