@@ -226,14 +226,16 @@ Variant CBaseData::GetData(int32_t kind, const Variant& argument) {
 
 Variant CBaseData::GetValue(const CString& field) { return GetData(kKindFieldByName, Variant::Text(field.wstr())); }
 
-CString CBaseData::GetString(const CString& field) {
-  Variant value = GetValue(field);
-  if (!value.ChangeTypeToText()) return CString();
-  return CString(value.text());
+Variant CBaseData::GetValue(const wchar_t* field) {
+  return GetData(kKindFieldByName, Variant::Text(field != nullptr ? field : L""));
 }
 
-int32_t CBaseData::GetLong(const CString& field, int32_t default_value) {
-  const Variant value = GetValue(field);
+CString CBaseData::AsString(Variant value) {
+  if (!value.ChangeTypeToText()) return CString();
+  return CString(value.TakeText());
+}
+
+int32_t CBaseData::AsLong(const Variant& value, int32_t default_value) {
   switch (value.type()) {
     case VarType::I4:
       return value.i4();
@@ -244,8 +246,7 @@ int32_t CBaseData::GetLong(const CString& field, int32_t default_value) {
   }
 }
 
-int64_t CBaseData::GetInt64(const CString& field, int64_t default_value) {
-  const Variant value = GetValue(field);
+int64_t CBaseData::AsInt64(const Variant& value, int64_t default_value) {
   switch (value.type()) {
     case VarType::I8:
       return value.i8();
@@ -256,6 +257,26 @@ int64_t CBaseData::GetInt64(const CString& field, int64_t default_value) {
     default:
       return default_value;
   }
+}
+
+CString CBaseData::GetString(const CString& field) { return AsString(GetValue(field)); }
+
+CString CBaseData::GetString(const wchar_t* field) { return AsString(GetValue(field)); }
+
+int32_t CBaseData::GetLong(const CString& field, int32_t default_value) {
+  return AsLong(GetValue(field), default_value);
+}
+
+int32_t CBaseData::GetLong(const wchar_t* field, int32_t default_value) {
+  return AsLong(GetValue(field), default_value);
+}
+
+int64_t CBaseData::GetInt64(const CString& field, int64_t default_value) {
+  return AsInt64(GetValue(field), default_value);
+}
+
+int64_t CBaseData::GetInt64(const wchar_t* field, int64_t default_value) {
+  return AsInt64(GetValue(field), default_value);
 }
 
 int64_t CBaseData::GetInt64ById(int32_t field_id) {

@@ -86,10 +86,16 @@ class CBaseData {
   void EndUpdate(int32_t update_id);
   Variant GetData(int32_t kind, const Variant& argument);
 
+  // Field reads. A field named by a literal is read without a CString of
+  // its own.
   Variant GetValue(const CString& field);
+  Variant GetValue(const wchar_t* field);
   CString GetString(const CString& field);
+  CString GetString(const wchar_t* field);
   int32_t GetLong(const CString& field, int32_t default_value);
+  int32_t GetLong(const wchar_t* field, int32_t default_value);
   int64_t GetInt64(const CString& field, int64_t default_value);
+  int64_t GetInt64(const wchar_t* field, int64_t default_value);
   int64_t GetInt64ById(int32_t field_id);
   int32_t GetCount();
   CString GetName();
@@ -119,6 +125,10 @@ class CBaseData {
   class EventSink;
 
   IClock& clock() const;
+  // The conversions of the typed getters.
+  static CString AsString(Variant value);
+  static int32_t AsLong(const Variant& value, int32_t default_value);
+  static int64_t AsInt64(const Variant& value, int64_t default_value);
 
   IClock* clock_;
   IBaseData* driver_ = nullptr;  // owned reference; null: not bound

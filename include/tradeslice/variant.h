@@ -34,6 +34,9 @@ class Variant {
   int32_t i4() const { return static_cast<int32_t>(number_); }
   int64_t i8() const { return number_; }
   const std::wstring& text() const { return text_; }
+  // Moves the text out (a caller that keeps it saves the copy); the variant
+  // keeps its type with empty text.
+  std::wstring TakeText() { return std::exchange(text_, std::wstring()); }
 
   void Clear() { *this = Variant(); }
 
