@@ -35,9 +35,10 @@ class CMapStringTo {
 
   bool Lookup(const CString& key, Value& value) const {
     if (buckets_.empty()) return false;
-    for (const auto& entry : buckets_[Bucket(key)]) {
-      if (entry.first == key) {
-        value = entry.second;
+    const uint32_t hash = HashKey(key);
+    for (const Assoc& entry : buckets_[hash % buckets_.size()]) {
+      if (entry.hash == hash && entry.key == key) {
+        value = entry.value;
         return true;
       }
     }
@@ -50,22 +51,24 @@ class CMapStringTo {
 
   void SetAt(const CString& key, Value value) {
     if (buckets_.empty()) buckets_.assign(kDefaultHashSize, {});
-    auto& chain = buckets_[Bucket(key)];
-    for (auto& entry : chain) {
-      if (entry.first == key) {
-        entry.second = std::move(value);
+    const uint32_t hash = HashKey(key);
+    auto& chain = buckets_[hash % buckets_.size()];
+    for (Assoc& entry : chain) {
+      if (entry.hash == hash && entry.key == key) {
+        entry.value = std::move(value);
         return;
       }
     }
-    chain.insert(chain.begin(), {key, std::move(value)});
+    chain.insert(chain.begin(), Assoc{hash, key, std::move(value)});
     ++count_;
   }
 
   bool RemoveKey(const CString& key) {
     if (buckets_.empty()) return false;
-    auto& chain = buckets_[Bucket(key)];
+    const uint32_t hash = HashKey(key);
+    auto& chain = buckets_[hash % buckets_.size()];
     for (auto it = chain.begin(); it != chain.end(); ++it) {
-      if (it->first == key) {
+      if (it->hash == hash && it->key == key) {
         chain.erase(it);
         --count_;
         return true;
@@ -84,7 +87,7 @@ class CMapStringTo {
   template <typename Fn>
   void ForEach(Fn&& fn) const {
     for (const auto& chain : buckets_) {
-      for (const auto& entry : chain) fn(entry.first, entry.second);
+      for (const Assoc& entry : chain) fn(entry.key, entry.value);
     }
   }
 
@@ -96,9 +99,15 @@ class CMapStringTo {
   }
 
  private:
-  std::size_t Bucket(const CString& key) const { return HashKey(key) % buckets_.size(); }
+  // An entry keeps its key's hash, as MFC's do: a look-up compares the
+  // texts only of entries whose hash matches.
+  struct Assoc {
+    uint32_t hash;
+    CString key;
+    Value value;
+  };
 
-  std::vector<std::vector<std::pair<CString, Value>>> buckets_;
+  std::vector<std::vector<Assoc>> buckets_;
   int count_ = 0;
 };
 
