@@ -85,8 +85,14 @@ HResult CTradeSliceManager::Advise(INordaManagerEvents* sink, uint32_t* cookie) 
 
 HResult CTradeSliceManager::Unadvise(uint32_t cookie) { return UnadviseSink(cookie); }
 
-void CTradeSliceManager::Log(const CString& text) {
-  Fire_WriteLog(CString::Formatted(L"<CTradeSliceManager>%s", text).wstr());
+void CTradeSliceManager::Log(const CString& text) { Log(text.wstr(), std::wstring_view()); }
+
+void CTradeSliceManager::Log(std::wstring_view head, std::wstring_view tail) {
+  static constexpr std::wstring_view kPrefix = L"<CTradeSliceManager>";
+  std::wstring line;
+  line.reserve(kPrefix.size() + head.size() + tail.size());
+  line.append(kPrefix).append(head).append(tail);
+  Fire_WriteLog(line);
 }
 
 CBaseData* CTradeSliceManager::GetTopicRecord(const CString& topic, CBaseDataEventReceiver* receiver) {

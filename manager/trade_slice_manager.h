@@ -22,6 +22,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "data/base_data.h"
@@ -89,7 +90,11 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   HResult Unadvise(uint32_t cookie) override;
 
   // Host link operations shared by every subject.
+  // Sends "<CTradeSliceManager>" and the text to the host's log. The
+  // two-piece form writes `head` then `tail`, saving the caller a
+  // concatenation of its own.
   void Log(const CString& text);
+  void Log(std::wstring_view head, std::wstring_view tail);
   CBaseData* GetTopicRecord(const CString& topic, CBaseDataEventReceiver* receiver);
   Variant SendTopic(const CString& topic, int32_t param1, int32_t param2, const CString& text, Variant* data);
 

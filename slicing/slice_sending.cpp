@@ -21,13 +21,13 @@ void CTradeSliceManager::SendSlicedOrder(const CString& command) {
         cancelled = m_mapCancelledSlices.Contains(slice_id);
       }
       if (cancelled) {
-        Log(L"[Sliced Send delete order] " + command);
+        Log(L"[Sliced Send delete order] ", command.wstr());
         SendTopic(L"TRADE.FAILORDER", 1, 1, command, nullptr);
         return;
       }
     }
   }
-  Log(L"[Sliced Send new order] " + command);
+  Log(L"[Sliced Send new order] ", command.wstr());
   SendTopic(L"TRADE.NEWORDER", 1, 2, command, nullptr);
 }
 
