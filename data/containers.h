@@ -6,6 +6,7 @@
 // Threading: none of these lock; their owners guard them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -36,13 +37,11 @@ class CMapStringTo {
   bool Lookup(const CString& key, Value& value) const {
     if (buckets_.empty()) return false;
     const uint32_t hash = HashKey(key);
-    for (const Assoc& entry : buckets_[hash % buckets_.size()]) {
-      if (entry.hash == hash && entry.key == key) {
-        value = entry.value;
-        return true;
-      }
-    }
-    return false;
+    const Bucket& bucket = buckets_[hash % buckets_.size()];
+    const std::size_t at = bucket.Find(hash, key);
+    if (at == kNone) return false;
+    value = bucket.entries[at].value;
+    return true;
   }
   bool Contains(const CString& key) const {
     Value ignored{};
@@ -52,42 +51,43 @@ class CMapStringTo {
   void SetAt(const CString& key, Value value) {
     if (buckets_.empty()) buckets_.assign(kDefaultHashSize, {});
     const uint32_t hash = HashKey(key);
-    auto& chain = buckets_[hash % buckets_.size()];
-    for (Assoc& entry : chain) {
-      if (entry.hash == hash && entry.key == key) {
-        entry.value = std::move(value);
-        return;
-      }
+    Bucket& bucket = buckets_[hash % buckets_.size()];
+    const std::size_t at = bucket.Find(hash, key);
+    if (at != kNone) {
+      bucket.entries[at].value = std::move(value);
+      return;
     }
-    chain.insert(chain.begin(), Assoc{hash, key, std::move(value)});
+    bucket.hashes.push_back(hash);
+    bucket.entries.push_back(Entry{key, std::move(value)});
     ++count_;
   }
 
   bool RemoveKey(const CString& key) {
     if (buckets_.empty()) return false;
     const uint32_t hash = HashKey(key);
-    auto& chain = buckets_[hash % buckets_.size()];
-    for (auto it = chain.begin(); it != chain.end(); ++it) {
-      if (it->hash == hash && it->key == key) {
-        chain.erase(it);
-        --count_;
-        return true;
-      }
-    }
-    return false;
+    Bucket& bucket = buckets_[hash % buckets_.size()];
+    const std::size_t at = bucket.Find(hash, key);
+    if (at == kNone) return false;
+    bucket.hashes.erase(bucket.hashes.begin() + static_cast<std::ptrdiff_t>(at));
+    bucket.entries.erase(bucket.entries.begin() + static_cast<std::ptrdiff_t>(at));
+    --count_;
+    return true;
   }
 
   // Keeps the table size, as MFC's RemoveAll frees the entries only.
   void RemoveAll() {
-    for (auto& chain : buckets_) chain.clear();
+    for (Bucket& bucket : buckets_) {
+      bucket.hashes.clear();
+      bucket.entries.clear();
+    }
     count_ = 0;
   }
 
   // Calls fn(key, value) for every entry in MFC's iteration order.
   template <typename Fn>
   void ForEach(Fn&& fn) const {
-    for (const auto& chain : buckets_) {
-      for (const Assoc& entry : chain) fn(entry.key, entry.value);
+    for (const Bucket& bucket : buckets_) {
+      for (auto it = bucket.entries.rbegin(); it != bucket.entries.rend(); ++it) fn(it->key, it->value);
     }
   }
 
@@ -99,15 +99,29 @@ class CMapStringTo {
   }
 
  private:
-  // An entry keeps its key's hash, as MFC's do: a look-up compares the
-  // texts only of entries whose hash matches.
-  struct Assoc {
-    uint32_t hash;
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+  struct Entry {
     CString key;
     Value value;
   };
+  // One chain, oldest entry first (iteration runs it backwards, newest
+  // first). The keys' hashes sit apart from the entries, as MFC keeps a hash
+  // in each entry: a look-up scans the small array of hashes and compares
+  // the texts only of entries whose hash matches.
+  struct Bucket {
+    std::vector<uint32_t> hashes;  // hashes[i] is the hash of entries[i].key
+    std::vector<Entry> entries;
 
-  std::vector<std::vector<Assoc>> buckets_;
+    std::size_t Find(uint32_t hash, const CString& key) const {
+      for (std::size_t i = 0; i < hashes.size(); ++i) {
+        if (hashes[i] == hash && entries[i].key == key) return i;
+      }
+      return kNone;
+    }
+  };
+
+  std::vector<Bucket> buckets_;
   int count_ = 0;
 };
 
