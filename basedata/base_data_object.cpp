@@ -53,6 +53,7 @@ void BaseDataObject::EndUpdate(int32_t update_id) {
   std::wstring changed;
   std::wstring* text = sinks_.empty() ? nullptr : &changed;
   if (open != open_updates_.end()) {
+    fields_by_name_.Reserve(fields_by_name_.size() + open->writes.size());
     for (Write& write : open->writes) ApplyLocked(std::move(write), text);
     open_updates_.erase(open);
   }

@@ -1,5 +1,6 @@
 #include "basedata/field_table.h"
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <limits>
@@ -163,8 +164,20 @@ void FieldTable::Erase(const Name* name) {
   entries_.pop_back();
 }
 
-void FieldTable::Grow() {
-  slots_.assign(slots_.empty() ? 16 : slots_.size() * 2, Slot{});
+void FieldTable::Reserve(std::size_t count) {
+  if (count <= entries_.size()) return;
+  // Geometric, as growth by push_back would be: updates that only overwrite
+  // ask for more room than they take.
+  if (count > entries_.capacity()) entries_.reserve(std::max(count, 2 * entries_.capacity()));
+  std::size_t size = slots_.empty() ? 16 : slots_.size();
+  while (count * 2 > size) size *= 2;
+  if (size != slots_.size()) Rebuild(size);
+}
+
+void FieldTable::Grow() { Rebuild(slots_.empty() ? 16 : slots_.size() * 2); }
+
+void FieldTable::Rebuild(std::size_t size) {
+  slots_.assign(size, Slot{});
   const std::size_t mask = slots_.size() - 1;
   for (std::size_t k = 0; k < entries_.size(); ++k) {
     const std::size_t hash = entries_[k].name->hash;

@@ -40,6 +40,9 @@ class FieldTable {
   void Set(const Name* name, Variant value);
   // Removes the field if it is there.
   void Erase(const Name* name);
+  // Makes room for `count` fields in all, so that setting that many grows
+  // nothing.
+  void Reserve(std::size_t count);
   std::size_t size() const { return entries_.size(); }
 
  private:
@@ -57,6 +60,8 @@ class FieldTable {
   std::size_t Probe(const Name* name) const;
   // Doubles the index (16 slots at first) and places every entry again.
   void Grow();
+  // Sets the index to `size` slots (a power of two) and places every entry.
+  void Rebuild(std::size_t size);
 
   std::vector<Entry> entries_;  // in the order they were first set, but for removals
   std::vector<Slot> slots_;     // empty or a power of two, never more than half used

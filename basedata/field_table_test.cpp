@@ -72,6 +72,17 @@ TEST(FieldTableTest, EraseKeepsTheOthers) {
   EXPECT_EQ(table.Find(L"E1")->i4(), -1);
 }
 
+TEST(FieldTableTest, ReserveKeepsWhatIsThere) {
+  FieldTable table;
+  table.Reserve(3);
+  for (int i = 0; i < 10; ++i) table.Set(N(L"R" + std::to_wstring(i)), Variant::I4(i));
+  table.Reserve(100);
+  table.Reserve(5);
+  for (int i = 10; i < 100; ++i) table.Set(N(L"R" + std::to_wstring(i)), Variant::I4(i));
+  EXPECT_EQ(table.size(), 100u);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(table.Find(L"R" + std::to_wstring(i))->i4(), i);
+}
+
 TEST(FieldTableTest, InternFromManyThreads) {
   std::vector<std::thread> threads;
   std::vector<std::vector<const FieldTable::Name*>> seen(4);
