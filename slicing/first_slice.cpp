@@ -46,10 +46,10 @@ void CTradeSliceManager::DoSlicedWorkFirst(CBaseData* parent) {
   CommandFields fields = GatherCommandFields(*parent);
   fields.qty = qty;
   if (group_type == 2) fields.group_id = DerivedGroupId(group_id, 1);
-  const CString command = FormatCommand(CommandTemplate::kA, fields);
+  CString command = FormatCommand(CommandTemplate::kA, fields);
   {
     ScopedLock<CMutex> guard(m_mutexSlice);
-    m_arrSendQueue.push_back(command);
+    m_arrSendQueue.push_back(std::move(command));
   }
   Log(CString::Formatted(L"DoSlicedWork First :SendNewOrder NewOrderQty=%ld, TotalQty=%ld", qty, rest));
   m_timer.StartTimer(kTimerSendQueue, 100, &OnTimerTick, this);

@@ -114,13 +114,13 @@ void CTradeSliceManager::DoSlicedWork(CBaseData* parent, CBaseData* child, int32
       m_mapGroupCount.Lookup(parent_key, count);
       fields.group_id = DerivedGroupId(group_id, count + 1);
     }
-    const CString command = FormatCommand(CommandTemplate::kA, fields);
+    CString command = FormatCommand(CommandTemplate::kA, fields);
     Log(CString::Formatted(L"DoSlicedWork :SendNewOrder NewOrderQty=%ld, TotalQty=%ld, LeavesQty=%ld, Type=%d", qty,
                            rest, leftover, send_mode));
     if (send_mode != 1) {
       {
         ScopedLock<CMutex> guard(m_mutexSlice);
-        m_arrSendQueue.push_back(command);
+        m_arrSendQueue.push_back(std::move(command));
       }
       m_timer.StartTimer(kTimerSendQueue, 100, &OnTimerTick, this);
     } else {
