@@ -53,33 +53,41 @@ IBaseData* FromCookie(const Variant* data) {
   return object;
 }
 
-// The keys of a new-order command that a child record is made from.
+// The keys of a new-order command that a child record is made from, in the
+// order the manager's commands carry them.
 enum NewOrderKey {
-  kQty, kSlicedId, kSymbol, kSide, kAccount, kType, kBrokerId, kPrice, kPriceString, kOrderType, kTimeInForce,
-  kGroupId, kGroupType, kGroupPrefix, kConsecutive, kNumberOfRetries, kRetryInterval, kSpreadId, kSlicedType,
+  kType, kBrokerId, kAccount, kSymbol, kSide, kQty, kPrice, kPriceString, kOrderType, kTimeInForce, kGroupType,
+  kGroupId, kSlicedId, kConsecutive, kNumberOfRetries, kRetryInterval, kSlicedType, kGroupPrefix, kSpreadId,
   kNewOrderKeys
 };
 constexpr std::wstring_view kNewOrderKeyNames[kNewOrderKeys] = {
-    L"QTY", L"SlicedID", L"SYMBOL", L"SIDE", L"ACCOUNT", L"TYPE", L"BROKERID", L"PRICE", L"PRICESTRING",
-    L"ORDERTYPE", L"TIMEINFORCE", L"GROUPID", L"GROUPTYPE", L"GroupPrefix", L"Consecutive", L"NumberOfRetries",
-    L"RetryInterval", L"SpreadID", L"SlicedType"};
+    L"TYPE", L"BROKERID", L"ACCOUNT", L"SYMBOL", L"SIDE", L"QTY", L"PRICE", L"PRICESTRING", L"ORDERTYPE",
+    L"TIMEINFORCE", L"GROUPTYPE", L"GROUPID", L"SlicedID", L"Consecutive", L"NumberOfRetries", L"RetryInterval",
+    L"SlicedType", L"GroupPrefix", L"SpreadID"};
 using CommandValues = std::array<std::wstring_view, kNewOrderKeys>;
 
 // The values of those keys in a command line, split once: the first
 // occurrence of a key counts, an absent key is empty. Views into `line`.
+// The search for a key starts after the last key found, where the next one
+// usually is.
 CommandValues SplitNewOrder(std::wstring_view line) {
   CommandValues values;
   std::array<bool, kNewOrderKeys> seen{};
+  int next = 0;
   for (size_t at = 0; at <= line.size();) {
     size_t end = line.find(L',', at);
     if (end == std::wstring_view::npos) end = line.size();
     const size_t equals = line.find(L'=', at);
     if (equals != std::wstring_view::npos && equals < end) {
       const std::wstring_view key = line.substr(at, equals - at);
-      for (int k = 0; k < kNewOrderKeys; ++k) {
-        if (!seen[k] && kNewOrderKeyNames[k] == key) {
-          seen[k] = true;
-          values[k] = line.substr(equals + 1, end - equals - 1);
+      for (int n = 0; n < kNewOrderKeys; ++n) {
+        const int k = (next + n) % kNewOrderKeys;
+        if (kNewOrderKeyNames[k] == key) {
+          if (!seen[k]) {
+            seen[k] = true;
+            values[k] = line.substr(equals + 1, end - equals - 1);
+          }
+          next = k + 1;
           break;
         }
       }
