@@ -1,9 +1,6 @@
 #include "basedata/field_table.h"
 
-#include <algorithm>
 #include <atomic>
-#include <functional>
-#include <limits>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -12,10 +9,15 @@ namespace tsm::basedata {
 
 namespace {
 
-std::size_t HashOf(std::wstring_view text) { return std::hash<std::wstring_view>()(text); }
-
-uint32_t TagOf(std::size_t hash) {
-  return static_cast<uint32_t>(hash >> (std::numeric_limits<std::size_t>::digits - 32));
+// FNV-1a over the characters: field names are short, and this is quicker
+// than a general string hash.
+std::size_t HashOf(std::wstring_view text) {
+  uint64_t hash = 14695981039346656037ull;
+  for (wchar_t c : text) {
+    hash ^= static_cast<uint64_t>(c);
+    hash *= 1099511628211ull;
+  }
+  return static_cast<std::size_t>(hash);
 }
 
 // Every field name the process has used, each stored once. Look-ups take no
@@ -93,97 +95,96 @@ class NamePool {
 
 const FieldTable::Name* FieldTable::Intern(std::wstring_view text) { return NamePool::Instance().Intern(text); }
 
-std::size_t FieldTable::Probe(std::wstring_view text, std::size_t hash) const {
+std::size_t FieldTable::SlotsFor(std::size_t count) {
+  std::size_t size = 16;
+  while (count * 8 > size * 7) size *= 2;
+  return size;
+}
+
+std::size_t FieldTable::Distance(std::size_t index) const {
+  return (index - slots_[index].name->hash) & (slots_.size() - 1);
+}
+
+std::size_t FieldTable::Locate(std::wstring_view text, std::size_t hash) const {
+  if (count_ == 0) return slots_.size();
   const std::size_t mask = slots_.size() - 1;
-  const uint32_t tag = TagOf(hash);
-  for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+  for (std::size_t i = hash & mask, d = 0;; i = (i + 1) & mask, ++d) {
     const Slot& slot = slots_[i];
-    if (slot.position == 0) return i;
-    if (slot.tag == tag) {
-      const Name* held = entries_[slot.position - 1].name;
-      if (held->hash == hash && held->text == text) return i;
-    }
+    if (slot.name == nullptr || Distance(i) < d) return slots_.size();
+    if (slot.name->hash == hash && slot.name->text == text) return i;
   }
 }
 
-std::size_t FieldTable::Probe(const Name* name) const {
+std::size_t FieldTable::Locate(const Name* name) const {
+  if (count_ == 0) return slots_.size();
   const std::size_t mask = slots_.size() - 1;
-  const uint32_t tag = TagOf(name->hash);
-  for (std::size_t i = name->hash & mask;; i = (i + 1) & mask) {
+  for (std::size_t i = name->hash & mask, d = 0;; i = (i + 1) & mask, ++d) {
     const Slot& slot = slots_[i];
-    if (slot.position == 0) return i;
-    if (slot.tag == tag && entries_[slot.position - 1].name == name) return i;
+    if (slot.name == name) return i;
+    if (slot.name == nullptr || Distance(i) < d) return slots_.size();
   }
 }
 
 const Variant* FieldTable::Find(std::wstring_view name) const {
-  if (entries_.empty()) return nullptr;
-  const Slot& slot = slots_[Probe(name, HashOf(name))];
-  return slot.position == 0 ? nullptr : &entries_[slot.position - 1].value;
+  const std::size_t at = Locate(name, HashOf(name));
+  return at == slots_.size() ? nullptr : &slots_[at].value;
 }
 
 void FieldTable::Set(const Name* name, Variant value) {
-  if (slots_.empty()) Grow();
-  std::size_t at = Probe(name);
-  if (slots_[at].position != 0) {
-    entries_[slots_[at].position - 1].value = std::move(value);
+  const std::size_t at = Locate(name);
+  if (at != slots_.size()) {
+    slots_[at].value = std::move(value);
     return;
   }
-  if ((entries_.size() + 1) * 2 > slots_.size()) {
-    Grow();
-    at = Probe(name);
+  if (SlotsFor(count_ + 1) > slots_.size()) Rebuild(SlotsFor(count_ + 1));
+  Place(name, std::move(value));
+  ++count_;
+}
+
+void FieldTable::Place(const Name* name, Variant value) {
+  const std::size_t mask = slots_.size() - 1;
+  Slot carried{name, std::move(value)};
+  for (std::size_t i = name->hash & mask, d = 0;; i = (i + 1) & mask, ++d) {
+    Slot& slot = slots_[i];
+    if (slot.name == nullptr) {
+      slot = std::move(carried);
+      return;
+    }
+    // The entry nearer its home gives way; the one carried on keeps its own
+    // distance.
+    const std::size_t distance = Distance(i);
+    if (distance < d) {
+      std::swap(slot, carried);
+      d = distance;
+    }
   }
-  entries_.push_back(Entry{name, std::move(value)});
-  slots_[at] = Slot{TagOf(name->hash), static_cast<uint32_t>(entries_.size())};
 }
 
 void FieldTable::Erase(const Name* name) {
-  if (entries_.empty()) return;
+  std::size_t hole = Locate(name);
+  if (hole == slots_.size()) return;
+  // The entries after it move back one slot, up to an empty slot or an entry
+  // in its home slot.
   const std::size_t mask = slots_.size() - 1;
-  std::size_t hole = Probe(name);
-  const uint32_t removed = slots_[hole].position;
-  if (removed == 0) return;
-  // Close the hole: a later slot of the same run moves into it when the hole
-  // lies between that slot's home and the slot itself.
-  for (std::size_t j = (hole + 1) & mask; slots_[j].position != 0; j = (j + 1) & mask) {
-    const std::size_t home = entries_[slots_[j].position - 1].name->hash & mask;
-    if (((j - home) & mask) >= ((j - hole) & mask)) {
-      slots_[hole] = slots_[j];
-      hole = j;
-    }
+  for (std::size_t next = (hole + 1) & mask; slots_[next].name != nullptr && Distance(next) > 0;
+       next = (next + 1) & mask) {
+    slots_[hole] = std::move(slots_[next]);
+    hole = next;
   }
   slots_[hole] = Slot{};
-  // The last entry fills the removed one's place, and its slot follows it.
-  const uint32_t last = static_cast<uint32_t>(entries_.size());
-  if (removed != last) {
-    entries_[removed - 1] = std::move(entries_.back());
-    std::size_t i = entries_[removed - 1].name->hash & mask;
-    while (slots_[i].position != last) i = (i + 1) & mask;
-    slots_[i].position = removed;
-  }
-  entries_.pop_back();
+  --count_;
 }
 
 void FieldTable::Reserve(std::size_t count) {
-  if (count <= entries_.size()) return;
-  // Geometric, as growth by push_back would be: updates that only overwrite
-  // ask for more room than they take.
-  if (count > entries_.capacity()) entries_.reserve(std::max(count, 2 * entries_.capacity()));
-  std::size_t size = slots_.empty() ? 16 : slots_.size();
-  while (count * 2 > size) size *= 2;
-  if (size != slots_.size()) Rebuild(size);
+  const std::size_t size = SlotsFor(count);
+  if (size > slots_.size()) Rebuild(size);
 }
 
-void FieldTable::Grow() { Rebuild(slots_.empty() ? 16 : slots_.size() * 2); }
-
 void FieldTable::Rebuild(std::size_t size) {
-  slots_.assign(size, Slot{});
-  const std::size_t mask = slots_.size() - 1;
-  for (std::size_t k = 0; k < entries_.size(); ++k) {
-    const std::size_t hash = entries_[k].name->hash;
-    std::size_t i = hash & mask;
-    while (slots_[i].position != 0) i = (i + 1) & mask;
-    slots_[i] = Slot{TagOf(hash), static_cast<uint32_t>(k + 1)};
+  std::vector<Slot> old(size);
+  old.swap(slots_);
+  for (Slot& slot : old) {
+    if (slot.name != nullptr) Place(slot.name, std::move(slot.value));
   }
 }
 

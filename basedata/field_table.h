@@ -4,8 +4,11 @@
 // field names of the platform are a fixed vocabulary), so an object holds a
 // pointer per field instead of a copy of its name, a write finds its field by
 // that pointer, and a read compares against a pooled name that the other
-// objects keep warm. The fields sit in one array, found through an
-// open-addressed index of (hash, position) slots with linear probing.
+// objects keep warm. The fields themselves sit in one open-addressed array
+// (linear probing, Robin Hood order: an entry never sits farther from its
+// home slot than the entry it passed), so a read of a field usually touches
+// one slot of the array and the pooled name, and a read of an absent field
+// stops as soon as the probe has gone farther than the entries it meets.
 //
 // Threading: a table takes no lock; its object's mutex guards it. `Intern`
 // may be called from any thread; pooled names are never freed.
@@ -43,28 +46,28 @@ class FieldTable {
   // Makes room for `count` fields in all, so that setting that many grows
   // nothing.
   void Reserve(std::size_t count);
-  std::size_t size() const { return entries_.size(); }
+  std::size_t size() const { return count_; }
 
  private:
-  struct Entry {
-    const Name* name;
+  struct Slot {
+    const Name* name = nullptr;  // null: empty
     Variant value;
   };
-  struct Slot {
-    uint32_t tag = 0;       // high bits of the name's hash
-    uint32_t position = 0;  // 1 + index into entries_; 0: empty
-  };
 
-  // The slot holding the field, or the empty slot that ends its probe.
-  std::size_t Probe(std::wstring_view text, std::size_t hash) const;
-  std::size_t Probe(const Name* name) const;
-  // Doubles the index (16 slots at first) and places every entry again.
-  void Grow();
-  // Sets the index to `size` slots (a power of two) and places every entry.
+  // Slots needed so that `count` fields keep the load at or under 7/8.
+  static std::size_t SlotsFor(std::size_t count);
+  // How far the entry at `index` sits from its home slot.
+  std::size_t Distance(std::size_t index) const;
+  // The slot of the field, or slots_.size() when it is absent.
+  std::size_t Locate(std::wstring_view text, std::size_t hash) const;
+  std::size_t Locate(const Name* name) const;
+  // Places a field known to be absent; room must be there.
+  void Place(const Name* name, Variant value);
+  // Moves every field into `size` slots (a power of two).
   void Rebuild(std::size_t size);
 
-  std::vector<Entry> entries_;  // in the order they were first set, but for removals
-  std::vector<Slot> slots_;     // empty or a power of two, never more than half used
+  std::vector<Slot> slots_;  // empty or a power of two
+  std::size_t count_ = 0;
 };
 
 }  // namespace tsm::basedata
