@@ -20,20 +20,65 @@ FormatArg MakeArg(const wchar_t* value) {
 
 namespace {
 
-void AppendPadded(std::wstring& out, std::wstring_view piece, int width, bool left, bool zero) {
+// The text being formatted: gathered in a buffer on the stack, so that the
+// result is allocated once, at its exact size. Text that outgrows the buffer
+// goes on in a string of its own.
+class Output {
+ public:
+  Output() = default;
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  void Append(std::wstring_view piece) {
+    if (!spilled_ && length_ + piece.size() <= kInline) {
+      piece.copy(inline_ + length_, piece.size());
+      length_ += piece.size();
+      return;
+    }
+    Spill();
+    spill_ += piece;
+  }
+  void Append(std::size_t count, wchar_t c) {
+    if (!spilled_ && length_ + count <= kInline) {
+      std::fill_n(inline_ + length_, count, c);
+      length_ += count;
+      return;
+    }
+    Spill();
+    spill_.append(count, c);
+  }
+  std::wstring Take() { return spilled_ ? std::move(spill_) : std::wstring(inline_, length_); }
+
+ private:
+  static constexpr std::size_t kInline = 1024;
+
+  void Spill() {
+    if (spilled_) return;
+    spill_.reserve(2 * kInline);
+    spill_.assign(inline_, length_);
+    spilled_ = true;
+  }
+
+  wchar_t inline_[kInline];
+  std::size_t length_ = 0;
+  bool spilled_ = false;
+  std::wstring spill_;
+};
+
+void AppendPadded(Output& out, std::wstring_view piece, int width, bool left, bool zero) {
   const int pad = width - static_cast<int>(piece.size());
   if (pad <= 0) {
-    out += piece;
+    out.Append(piece);
   } else if (left) {
-    out += piece;
-    out.append(static_cast<std::size_t>(pad), L' ');
+    out.Append(piece);
+    out.Append(static_cast<std::size_t>(pad), L' ');
   } else if (zero && !piece.empty() && piece[0] == L'-') {
-    out += L'-';
-    out.append(static_cast<std::size_t>(pad), L'0');
-    out += piece.substr(1);
+    out.Append(1, L'-');
+    out.Append(static_cast<std::size_t>(pad), L'0');
+    out.Append(piece.substr(1));
   } else {
-    out.append(static_cast<std::size_t>(pad), zero ? L'0' : L' ');
-    out += piece;
+    out.Append(static_cast<std::size_t>(pad), zero ? L'0' : L' ');
+    out.Append(piece);
   }
 }
 
@@ -75,19 +120,18 @@ std::wstring_view WriteHex(wchar_t (&buffer)[kNumberBuffer], uint64_t value, boo
 // %I64d and %lld print 64 bits. Arguments are typed, so a mismatch cannot
 // read past the list; a missing argument prints as nothing.
 std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_t count) {
-  std::wstring out;
-  out.reserve(std::wcslen(format) + 16 * count);
+  Output out;
   std::size_t next = 0;
   for (const wchar_t* p = format; *p != L'\0'; ++p) {
     if (*p != L'%') {
       const wchar_t* run = p;
       while (p[1] != L'\0' && p[1] != L'%') ++p;
-      out.append(run, static_cast<std::size_t>(p - run + 1));
+      out.Append(std::wstring_view(run, static_cast<std::size_t>(p - run + 1)));
       continue;
     }
     ++p;
     if (*p == L'%') {
-      out += L'%';
+      out.Append(1, L'%');
       continue;
     }
     bool left = false, zero = false;
@@ -156,7 +200,7 @@ std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_
     }
     AppendPadded(out, piece, width, left, zero && *p != L's');
   }
-  return out;
+  return out.Take();
 }
 
 }  // namespace text_internal
