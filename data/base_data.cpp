@@ -1,8 +1,14 @@
 #include "data/base_data.h"
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include <rapidjson/document.h>
 #include <rapidjson/encodings.h>
@@ -63,6 +69,66 @@ std::wstring FromUtf16(const char16_t* text, std::size_t length) {
   }
   return out;
 }
+
+// The VT_BSTR keys of reads by field name, made once for the process: a
+// read by a name the component spells out then builds no key of its own.
+// Look-ups take no lock (the table is only ever added to, under a mutex, and
+// its size is fixed); when it holds kMaxKeys names, reads by other names make
+// their keys as before.
+class FieldKeys {
+ public:
+  // Kept reachable for the life of the process: any thread may be reading.
+  static FieldKeys& Instance() {
+    static FieldKeys* keys = new FieldKeys();
+    return *keys;
+  }
+
+  // The key for `name`, or null when it is not kept and there is no room.
+  const Variant* Find(std::wstring_view name) {
+    const std::size_t hash = Hash(name);
+    std::size_t i = hash & kMask;
+    for (;; i = (i + 1) & kMask) {
+      const Entry* entry = slots_[i].load(std::memory_order_acquire);
+      if (entry == nullptr) break;
+      if (entry->hash == hash && entry->key.text() == name) return &entry->key;
+    }
+    std::lock_guard<std::mutex> guard(insert_lock_);
+    // Another thread may have added it, at this slot or after it.
+    for (;; i = (i + 1) & kMask) {
+      const Entry* entry = slots_[i].load(std::memory_order_relaxed);
+      if (entry == nullptr) break;
+      if (entry->hash == hash && entry->key.text() == name) return &entry->key;
+    }
+    if (entries_.size() >= kMaxKeys) return nullptr;
+    entries_.push_back(std::make_unique<Entry>(Entry{hash, Variant::Text(std::wstring(name))}));
+    slots_[i].store(entries_.back().get(), std::memory_order_release);
+    return &entries_.back()->key;
+  }
+
+ private:
+  static constexpr std::size_t kSlots = 1024;  // a power of two
+  static constexpr std::size_t kMask = kSlots - 1;
+  static constexpr std::size_t kMaxKeys = kSlots / 2;
+
+  struct Entry {
+    std::size_t hash;
+    Variant key;
+  };
+
+  // FNV-1a over the characters.
+  static std::size_t Hash(std::wstring_view name) {
+    uint64_t hash = 14695981039346656037ull;
+    for (wchar_t c : name) {
+      hash ^= static_cast<uint64_t>(c);
+      hash *= 1099511628211ull;
+    }
+    return static_cast<std::size_t>(hash);
+  }
+
+  std::atomic<const Entry*> slots_[kSlots] = {};
+  std::mutex insert_lock_;                       // guards entries_ and every insertion
+  std::vector<std::unique_ptr<Entry>> entries_;  // the keys kept
+};
 
 }  // namespace
 
@@ -227,7 +293,9 @@ Variant CBaseData::GetData(int32_t kind, const Variant& argument) {
 Variant CBaseData::GetValue(const CString& field) { return GetData(kKindFieldByName, Variant::Text(field.wstr())); }
 
 Variant CBaseData::GetValue(const wchar_t* field) {
-  return GetData(kKindFieldByName, Variant::Text(field != nullptr ? field : L""));
+  const std::wstring_view name = field != nullptr ? std::wstring_view(field) : std::wstring_view();
+  if (const Variant* key = FieldKeys::Instance().Find(name)) return GetData(kKindFieldByName, *key);
+  return GetData(kKindFieldByName, Variant::Text(std::wstring(name)));
 }
 
 CString CBaseData::AsString(Variant value) {

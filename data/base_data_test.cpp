@@ -196,6 +196,29 @@ TEST(BaseDataTest, GetLongOnMissingFieldGivesTheDefault) {
   EXPECT_EQ(record.GetLong(L"OrderQty", INT32_MIN), INT32_MIN);
 }
 
+// Reads by name through a buffer that is rewritten between reads, and by
+// more distinct names than the record keeps keys for: each read asks for the
+// field it names at that moment.
+TEST(BaseDataTest, ReadsByManyNamesEachFindTheirOwnField) {
+  ObjectPtr object = NewObject();
+  CBaseData record;
+  record.Initialize(nullptr, object.get());
+  const int kNames = 1500;
+  for (int i = 0; i < kNames; ++i) Write(record, (L"Field" + std::to_wstring(i)).c_str(), Variant::I4(i));
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < kNames; ++i) {
+      const std::wstring name = L"Field" + std::to_wstring(i);
+      ASSERT_EQ(record.GetLong(name.c_str(), -1), i) << round;
+      ASSERT_EQ(record.GetString(name.c_str()), CString(std::to_wstring(i))) << round;
+    }
+  }
+  wchar_t reused[16] = L"Field7";
+  EXPECT_EQ(record.GetLong(reused, -1), 7);
+  reused[5] = L'8';
+  EXPECT_EQ(record.GetLong(reused, -1), 8);
+  EXPECT_EQ(record.GetLong(L"Field", -1), -1);
+}
+
 TEST(BaseDataTest, GetLongTakesI4AndIgnoresOtherTypes) {
   ObjectPtr object = NewObject();
   CBaseData record;
