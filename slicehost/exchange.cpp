@@ -53,8 +53,7 @@ IBaseData* FromCookie(const Variant* data) {
   return object;
 }
 
-// The keys of a new-order command that a child record is made from, in the
-// order the manager's commands carry them.
+// The keys of a new-order command that a child record is made from.
 enum NewOrderKey {
   kType, kBrokerId, kAccount, kSymbol, kSide, kQty, kPrice, kPriceString, kOrderType, kTimeInForce, kGroupType,
   kGroupId, kSlicedId, kConsecutive, kNumberOfRetries, kRetryInterval, kSlicedType, kGroupPrefix, kSpreadId,
@@ -66,30 +65,30 @@ constexpr std::wstring_view kNewOrderKeyNames[kNewOrderKeys] = {
     L"SlicedType", L"GroupPrefix", L"SpreadID"};
 using CommandValues = std::array<std::wstring_view, kNewOrderKeys>;
 
+// The index of a key above, or -1 for a key no child field comes from.
+int NewOrderKeyIndex(std::wstring_view key) {
+  if (key.empty()) return -1;
+  for (int k = 0; k < kNewOrderKeys; ++k) {
+    const std::wstring_view name = kNewOrderKeyNames[k];
+    if (name.size() == key.size() && name[0] == key[0] && name == key) return k;
+  }
+  return -1;
+}
+
 // The values of those keys in a command line, split once: the first
 // occurrence of a key counts, an absent key is empty. Views into `line`.
-// The search for a key starts after the last key found, where the next one
-// usually is.
 CommandValues SplitNewOrder(std::wstring_view line) {
   CommandValues values;
   std::array<bool, kNewOrderKeys> seen{};
-  int next = 0;
   for (size_t at = 0; at <= line.size();) {
     size_t end = line.find(L',', at);
     if (end == std::wstring_view::npos) end = line.size();
     const size_t equals = line.find(L'=', at);
     if (equals != std::wstring_view::npos && equals < end) {
-      const std::wstring_view key = line.substr(at, equals - at);
-      for (int n = 0; n < kNewOrderKeys; ++n) {
-        const int k = (next + n) % kNewOrderKeys;
-        if (kNewOrderKeyNames[k] == key) {
-          if (!seen[k]) {
-            seen[k] = true;
-            values[k] = line.substr(equals + 1, end - equals - 1);
-          }
-          next = k + 1;
-          break;
-        }
+      const int k = NewOrderKeyIndex(line.substr(at, equals - at));
+      if (k >= 0 && !seen[k]) {
+        seen[k] = true;
+        values[k] = line.substr(equals + 1, end - equals - 1);
       }
     }
     at = end + 1;
