@@ -31,12 +31,11 @@ class Output {
 
   void Append(std::wstring_view piece) {
     if (!spilled_ && length_ + piece.size() <= kInline) {
-      piece.copy(inline_ + length_, piece.size());
+      std::copy(piece.begin(), piece.end(), inline_ + length_);
       length_ += piece.size();
       return;
     }
-    Spill();
-    spill_ += piece;
+    AppendSpilled(piece);
   }
   void Append(std::size_t count, wchar_t c) {
     if (!spilled_ && length_ + count <= kInline) {
@@ -51,6 +50,11 @@ class Output {
 
  private:
   static constexpr std::size_t kInline = 1024;
+
+  void AppendSpilled(std::wstring_view piece) {
+    Spill();
+    spill_ += piece;
+  }
 
   void Spill() {
     if (spilled_) return;
@@ -124,9 +128,11 @@ std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_
   std::size_t next = 0;
   for (const wchar_t* p = format; *p != L'\0'; ++p) {
     if (*p != L'%') {
-      const wchar_t* run = p;
-      while (p[1] != L'\0' && p[1] != L'%') ++p;
-      out.Append(std::wstring_view(run, static_cast<std::size_t>(p - run + 1)));
+      // The literal run up to the next specifier (or the end) goes as one piece.
+      const wchar_t* percent = std::wcschr(p, L'%');
+      const std::size_t run = percent != nullptr ? static_cast<std::size_t>(percent - p) : std::wcslen(p);
+      out.Append(std::wstring_view(p, run));
+      p += run - 1;
       continue;
     }
     ++p;
