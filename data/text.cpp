@@ -123,8 +123,9 @@ std::wstring_view WriteHex(wchar_t (&buffer)[kNumberBuffer], uint64_t value, boo
 // Sizes follow the Windows (LLP64) C runtime: %d and %ld print 32 bits,
 // %I64d and %lld print 64 bits. Arguments are typed, so a mismatch cannot
 // read past the list; a missing argument prints as nothing.
-std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_t count) {
+std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_t count, std::wstring_view prefix) {
   Output out;
+  out.Append(prefix);
   std::size_t next = 0;
   for (const wchar_t* p = format; *p != L'\0'; ++p) {
     if (*p != L'%') {

@@ -36,7 +36,9 @@ FormatArg MakeArg(T value) {
     return {FormatArg::Kind::kUnsigned, static_cast<int64_t>(value)};
   }
 }
-std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_t count);
+// The formatted text, after `prefix` (copied as it is).
+std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_t count,
+                        std::wstring_view prefix = std::wstring_view());
 }  // namespace text_internal
 
 class CString {

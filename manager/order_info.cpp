@@ -20,8 +20,8 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
   const int32_t exec_type = record->GetLong(L"ExecType", INT32_MIN);
   const int32_t group_type = record->GetLong(L"GroupType", INT32_MIN);
   const int32_t sliced_type = record->GetLong(L"SlicedType", 0);
-  Log(CString::Formatted(L"ParseOrderInfo: LevelKey=%s, ExecType=%ld, SliceID=%s, GroupType=%ld", level_key,
-                         exec_type, slice_id, group_type));
+  LogFormat(L"ParseOrderInfo: LevelKey=%s, ExecType=%ld, SliceID=%s, GroupType=%ld", level_key,
+            exec_type, slice_id, group_type);
 
   bool cancelled;
   {
@@ -99,7 +99,7 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
     }
     m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
   }
-  Log(CString::Formatted(L"ParseOrderInfo: Listen=%s", level_key));
+  LogFormat(L"ParseOrderInfo: Listen=%s", level_key);
 
   // The timer branch keys on the order's SlicedType 0 but on the type 2 kept
   // in the slice parameters: two separate tests, on purpose.
@@ -124,7 +124,7 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
           m_mapTimerToOrder.SetAt(id_text, level_key);
           m_mapOrderToTimer.SetAt(level_key, id_text);
           m_timer.StartTimer(static_cast<unsigned>(id), interval, &OnTimerTick, this);
-          Log(CString::Formatted(L"Timer Order: Interval=%d, LeftoverAction=%d", interval, leftover_action));
+          LogFormat(L"Timer Order: Interval=%d, LeftoverAction=%d", interval, leftover_action);
         }
       }
     }

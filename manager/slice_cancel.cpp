@@ -57,7 +57,7 @@ void CTradeSliceManager::CancelSliceOrder(int32_t cookie, const CString& level_k
   if (cancel_all != 0) {
     if (!(parent_key == level_key)) {
       // A failed cancel-all still cancels the order itself.
-      Log(CString::Formatted(L"Cancel All SliceOrder Fail:%s != %s", level_key, parent_key));
+      LogFormat(L"Cancel All SliceOrder Fail:%s != %s", level_key, parent_key);
     } else {
       CString list;
       {
@@ -151,8 +151,8 @@ void CTradeSliceManager::CancelSliceOrder(int32_t cookie, const CString& level_k
     }
     m_mapCancelledOrders.SetAt(level_key, slice_id);
   }
-  Log(CString::Formatted(L"CancelSliceOrder:%s, %s, %x, %x, %x", level_key, order_id, is_parent ? 1 : 0,
-                         finishing ? 1 : 0, was_waiting ? 1 : 0));
+  LogFormat(L"CancelSliceOrder:%s, %s, %x, %x, %x", level_key, order_id, is_parent ? 1 : 0,
+            finishing ? 1 : 0, was_waiting ? 1 : 0);
   if (order_id.IsEmpty() && exec_type == 20) {
     if (!was_waiting && (!is_parent || finishing)) {
       SendTopic(L"TRADE.PRICE.TRIGGER.CANCEL", 1, 1, command, &cookie_data);

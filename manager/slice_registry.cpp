@@ -16,8 +16,8 @@ void CTradeSliceManager::KeepSliceOrder(int32_t cookie, int32_t order_index) {
   const CString level_key = record->GetString(L"LevelKey");
   const CString symbol = record->GetString(L"Symbol");
   record->GetString(L"GroupID");
-  Log(CString::Formatted(L"KeepSliceOrder(1):%s,%ld,%ld,%ld, lOrdIndex=%ld", level_key, sliced_type, interval,
-                         leftover_action, order_index));
+  LogFormat(L"KeepSliceOrder(1):%s,%ld,%ld,%ld, lOrdIndex=%ld", level_key, sliced_type, interval,
+            leftover_action, order_index);
   if (sliced_type < 1) {
     // Not a sliced order: neither kept nor freed here.
     RetireUnkeptRecord(record);

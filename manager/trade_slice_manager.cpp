@@ -88,10 +88,9 @@ HResult CTradeSliceManager::Unadvise(uint32_t cookie) { return UnadviseSink(cook
 void CTradeSliceManager::Log(const CString& text) { Log(text.wstr(), std::wstring_view()); }
 
 void CTradeSliceManager::Log(std::wstring_view head, std::wstring_view tail) {
-  static constexpr std::wstring_view kPrefix = L"<CTradeSliceManager>";
   std::wstring line;
-  line.reserve(kPrefix.size() + head.size() + tail.size());
-  line.append(kPrefix).append(head).append(tail);
+  line.reserve(kLogPrefix.size() + head.size() + tail.size());
+  line.append(kLogPrefix).append(head).append(tail);
   Fire_WriteLog(line);
 }
 
@@ -162,7 +161,7 @@ HResult CTradeSliceManager::SetTopic(const std::wstring& topic, int32_t param1, 
                                      const std::wstring& text, Variant* data) {
   try {
     const CString name(topic);
-    Log(CString::Formatted(L"SetTopic:%s, %s", name, text));
+    LogFormat(L"SetTopic:%s, %s", name, text);
     const bool has_record = data != nullptr && data->type() == VarType::I4;
     const int32_t cookie = has_record ? data->i4() : 0;
     if (name == L"TRADE.HOT.MONTH") {

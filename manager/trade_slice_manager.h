@@ -89,12 +89,21 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   HResult Advise(INordaManagerEvents* sink, uint32_t* cookie) override;
   HResult Unadvise(uint32_t cookie) override;
 
+  // Every log line starts with this.
+  static constexpr std::wstring_view kLogPrefix = L"<CTradeSliceManager>";
+
   // Host link operations shared by every subject.
   // Sends "<CTradeSliceManager>" and the text to the host's log. The
   // two-piece form writes `head` then `tail`, saving the caller a
   // concatenation of its own.
   void Log(const CString& text);
   void Log(std::wstring_view head, std::wstring_view tail);
+  // Log(CString::Formatted(format, args...)), formatted straight into the line.
+  template <typename... Args>
+  void LogFormat(const wchar_t* format, const Args&... args) {
+    const text_internal::FormatArg list[] = {text_internal::MakeArg(args)..., text_internal::FormatArg{}};
+    Fire_WriteLog(text_internal::FormatArgs(format, list, sizeof...(Args), kLogPrefix));
+  }
   CBaseData* GetTopicRecord(const CString& topic, CBaseDataEventReceiver* receiver);
   Variant SendTopic(const CString& topic, int32_t param1, int32_t param2, const CString& text, Variant* data);
 

@@ -79,7 +79,7 @@ void CTradeSliceManager::InitSecurityInfo(const CString& symbol_id) {
 
   if (document.IsNull() || document.HasParseError()) {
     if (entry == nullptr) {
-      Log(CString::Formatted(L"InitSecurityInfo fail:%s", product_key));
+      LogFormat(L"InitSecurityInfo fail:%s", product_key);
       return;
     }
     if (!initialised()) {
@@ -98,7 +98,7 @@ void CTradeSliceManager::InitSecurityInfo(const CString& symbol_id) {
   const std::string narrow_product = ToSystemCodePage(product_key.wstr());
   if (!document.IsObject()) {
     // A root that is not an object has no members to look up.
-    Log(CString::Formatted(L"InitSecurityInfo document is not an object:%s", security_key));
+    LogFormat(L"InitSecurityInfo document is not an object:%s", security_key);
     return;
   }
   auto security = document.FindMember(narrow_security.c_str());
@@ -123,7 +123,7 @@ void CTradeSliceManager::InitSecurityInfo(const CString& symbol_id) {
       }
     }
   }
-  Log(CString::Formatted(L"OpenCloseTime:%s, %s.", security_key, text));
+  LogFormat(L"OpenCloseTime:%s, %s.", security_key, text);
   if (!text.IsEmpty()) BuildSessionTable(security_key, text);
 }
 

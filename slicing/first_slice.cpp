@@ -16,7 +16,7 @@ void CTradeSliceManager::DoSlicedWorkFirst(CBaseData* parent) {
   const int32_t group_type = parent->GetLong(L"GroupType", INT32_MIN);
   const CString group_id = parent->GetString(L"GroupID");
   parent->GetString(L"GroupPrefix");
-  Log(CString::Formatted(L"DoSlicedWork First: NewOrderQty=%ld, TotalQty=%ld", qty, total));
+  LogFormat(L"DoSlicedWork First: NewOrderQty=%ld, TotalQty=%ld", qty, total);
 
   if (total <= qty) {
     // Nothing to cut: the final order sent by timer 102 carries the whole rest.
@@ -51,7 +51,7 @@ void CTradeSliceManager::DoSlicedWorkFirst(CBaseData* parent) {
     ScopedLock<CMutex> guard(m_mutexSlice);
     m_arrSendQueue.push_back(std::move(command));
   }
-  Log(CString::Formatted(L"DoSlicedWork First :SendNewOrder NewOrderQty=%ld, TotalQty=%ld", qty, rest));
+  LogFormat(L"DoSlicedWork First :SendNewOrder NewOrderQty=%ld, TotalQty=%ld", qty, rest);
   m_timer.StartTimer(kTimerSendQueue, 100, &OnTimerTick, this);
 }
 

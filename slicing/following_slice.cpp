@@ -43,9 +43,9 @@ void CTradeSliceManager::DoSlicedWork(CBaseData* parent, CBaseData* child, int32
   if (parent_key.IsEmpty()) parent_key = parent->GetString(L"LevelKey");
   const int32_t group_type = parent->GetLong(L"GroupType", INT32_MIN);
   const CString group_id = parent->GetString(L"GroupID");
-  Log(CString::Formatted(L"DoSlicedWork : SlicedID=%s, NewOrderQty=%ld, TotalQty=%ld, LeavesQty=%ld, CumQty=%ld, "
-                         L"OriginalQty=%ld, GroupType=%ld, GroupID=%s",
-                         slice_id, qty, total, unfilled, filled, original, group_type, group_id));
+  LogFormat(L"DoSlicedWork : SlicedID=%s, NewOrderQty=%ld, TotalQty=%ld, LeavesQty=%ld, CumQty=%ld, "
+            L"OriginalQty=%ld, GroupType=%ld, GroupID=%s",
+            slice_id, qty, total, unfilled, filled, original, group_type, group_id);
   parent->GetString(L"GroupPrefix");
 
   auto drop_child_timer = [&] {
@@ -75,7 +75,7 @@ void CTradeSliceManager::DoSlicedWork(CBaseData* parent, CBaseData* child, int32
               delete entry->pQuote;
               delete entry;
               m_mapVolumeWatch.RemoveKey(symbol);
-              Log(CString::Formatted(L"Remove : Topic=%s", symbol));
+              LogFormat(L"Remove : Topic=%s", symbol);
             }
           }
         }
@@ -115,8 +115,8 @@ void CTradeSliceManager::DoSlicedWork(CBaseData* parent, CBaseData* child, int32
       fields.group_id = DerivedGroupId(group_id, count + 1);
     }
     CString command = FormatCommand(CommandTemplate::kA, fields);
-    Log(CString::Formatted(L"DoSlicedWork :SendNewOrder NewOrderQty=%ld, TotalQty=%ld, LeavesQty=%ld, Type=%d", qty,
-                           rest, leftover, send_mode));
+    LogFormat(L"DoSlicedWork :SendNewOrder NewOrderQty=%ld, TotalQty=%ld, LeavesQty=%ld, Type=%d", qty,
+              rest, leftover, send_mode);
     if (send_mode != 1) {
       {
         ScopedLock<CMutex> guard(m_mutexSlice);

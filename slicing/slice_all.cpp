@@ -17,7 +17,7 @@ void CTradeSliceManager::DoSlicedAll(CBaseData* parent) {
   const CString group_id = parent->GetString(L"GroupID");
   parent->GetString(L"GroupPrefix");
   const int32_t sliced_type = parent->GetLong(L"SlicedType", INT32_MIN);
-  Log(CString::Formatted(L"DoSlicedAll First: NewOrderQty=%ld, TotalQty=%ld", qty, total));
+  LogFormat(L"DoSlicedAll First: NewOrderQty=%ld, TotalQty=%ld", qty, total);
 
   CommandFields fields = GatherCommandFields(*parent);
   // Released slice-all orders (type 5) print SYNTHETIC=0, deliberately.
@@ -28,7 +28,7 @@ void CTradeSliceManager::DoSlicedAll(CBaseData* parent) {
   if (qty <= 0 && total > qty) {
     // Cutting children of no size would never end: the parent goes out whole
     // as its final order.
-    Log(CString::Formatted(L"DoSlicedAll: NewOrderQty=%ld cannot cut TotalQty=%ld, no children cut", qty, total));
+    LogFormat(L"DoSlicedAll: NewOrderQty=%ld cannot cut TotalQty=%ld, no children cut", qty, total);
   } else {
     int32_t number = 0;
     while (total > qty) {
@@ -36,7 +36,7 @@ void CTradeSliceManager::DoSlicedAll(CBaseData* parent) {
       ++number;
       if (group_type == 2) fields.group_id = CString::Formatted(L"%s-#-Sliced-#-%d", group_id, number);
       batch->push_back(FormatCommand(CommandTemplate::kB, fields));
-      Log(CString::Formatted(L"DoSlicedAll :SendNewOrder NewOrderQty=%ld, TotalQty=%ld", qty, total));
+      LogFormat(L"DoSlicedAll :SendNewOrder NewOrderQty=%ld, TotalQty=%ld", qty, total);
     }
   }
 

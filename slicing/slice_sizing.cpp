@@ -17,8 +17,8 @@ int32_t CTradeSliceManager::ComputeSliceQty(CBaseData* parent) {
   if (modulus == 0) {
     // A spread of -1 (negative "Variance" or "DiscloseQty") leaves nothing to
     // draw from; the size is the disclosed size.
-    Log(CString::Formatted(L"ComputeSliceQty: spread -1 ignored, DiscloseQty=%ld, Variance=%ld", disclose,
-                           variance));
+    LogFormat(L"ComputeSliceQty: spread -1 ignored, DiscloseQty=%ld, Variance=%ld", disclose,
+              variance);
     qty = disclose;
   } else {
     qty = static_cast<int32_t>(static_cast<uint32_t>(disclose) + static_cast<uint32_t>(r % modulus));

@@ -90,7 +90,7 @@ void CTradeSliceManager::OnSystemTimeUpdate() {
     const int32_t open = wait->nOpenTime;
     if (!(open > time_of_day && open < upper_bound)) continue;
     due.push_back(key);
-    Log(CString::Formatted(L"OnDataUpdate : LevelKey=%s, %ld, %ld", key, open, upper_bound));
+    LogFormat(L"OnDataUpdate : LevelKey=%s, %ld, %ld", key, open, upper_bound);
     const int64_t seconds =
         (LocalMoment(clock_, date, open / 10000, (open / 100) % 100, open % 100) - reference) % 60;
     if (seconds > delay) delay = seconds;
@@ -107,7 +107,7 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
   const CString slice_id = record->GetString(L"SliceID");
   const CString level_key = record->GetString(L"LevelKey");
   const int32_t exec_type = record->GetLong(L"ExecType", INT32_MIN);
-  Log(CString::Formatted(L"OnDataUpdate : LevelKey=%s, SliceID=%s, ExecType=%ld", level_key, slice_id, exec_type));
+  LogFormat(L"OnDataUpdate : LevelKey=%s, SliceID=%s, ExecType=%ld", level_key, slice_id, exec_type);
   if (!m_mapListenedSlice.Contains(level_key)) return;
   if (exec_type >= 11 && exec_type != 21) return;
 
@@ -130,12 +130,12 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
     if (entry->pQuote == nullptr) return;  // no quote record: nothing to measure against
     const int64_t volume = entry->pQuote->GetInt64ById(type + 3);
     m_mapStartVolume.SetAt(level_key, reinterpret_cast<void*>(static_cast<intptr_t>(volume)));
-    Log(CString::Formatted(L"Volume OrderInfo: Symbol=%s, TradeVolume=%I64d", symbol, volume));
+    LogFormat(L"Volume OrderInfo: Symbol=%s, TradeVolume=%I64d", symbol, volume);
     entry->arrLevelKeys.push_back(level_key);
     return;
   }
 
-  Log(CString::Formatted(L"OnDataUpdate : LeavesQty=%ld", record->GetLong(L"LeavesQty", 0)));
+  LogFormat(L"OnDataUpdate : LeavesQty=%ld", record->GetLong(L"LeavesQty", 0));
   CString parent_key;
   bool has_parent;
   {
@@ -147,7 +147,7 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
     CleanUpChild(record, level_key);
     return;
   }
-  Log(CString::Formatted(L"OnDataUpdate : Original LevelKey=%s", parent_key));
+  LogFormat(L"OnDataUpdate : Original LevelKey=%s", parent_key);
 
   auto to_cleanup = [&] {
     {
@@ -171,7 +171,7 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
   m_mapLevelKeyToOrderData.Lookup(parent_key, slot);
   auto* parent = static_cast<CBaseData*>(slot);
   if (parent == nullptr) {
-    Log(CString::Formatted(L"m_mapLevelKeyToOrderData is null : %s", parent_key));
+    LogFormat(L"m_mapLevelKeyToOrderData is null : %s", parent_key);
     return;
   }
   if (parent->GetLong(L"SlicedType", INT32_MIN) == 2) return;
@@ -220,7 +220,7 @@ void CTradeSliceManager::CleanUpChild(CBaseData* record, const CString& level_ke
         delete entry->pQuote;
         delete entry;
         m_mapVolumeWatch.RemoveKey(symbol);
-        Log(CString::Formatted(L"Remove : Topic=%s", symbol));
+        LogFormat(L"Remove : Topic=%s", symbol);
       }
     }
   }

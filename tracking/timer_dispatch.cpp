@@ -74,8 +74,8 @@ void CTradeSliceManager::EndOfSlicing() {
     void* slot = nullptr;
     const bool has_record = m_mapLevelKeyToOrderData.Lookup(key, slot);
     if (!(has_index && has_record && index >= 0)) {
-      Log(CString::Formatted(L"[Sliced Send End order] error:%s, %ld, %x, %x", key, index, has_index ? 1 : 0,
-                             has_record ? 1 : 0));
+      LogFormat(L"[Sliced Send End order] error:%s, %ld, %x, %x", key, index, has_index ? 1 : 0,
+                has_record ? 1 : 0);
     }
     auto* parent = static_cast<CBaseData*>(slot);
     if (parent == nullptr) {
@@ -197,7 +197,7 @@ void CTradeSliceManager::RetryWaitingOrders() {
         m_mapTimerToOrder.SetAt(id_text, wait->strLevelKey);
         m_mapOrderToTimer.SetAt(wait->strLevelKey, id_text);
         m_timer.StartTimer(static_cast<unsigned>(id), 50, &OnTimerTick, this);
-        Log(CString::Formatted(L"Timer Order: %s, %d", wait->strLevelKey, id));
+        LogFormat(L"Timer Order: %s, %d", wait->strLevelKey, id);
       }
     } else if (wait->pOrder != nullptr) {
       const int32_t cookie = static_cast<int32_t>(wait->pOrder->GetCookie());
@@ -226,18 +226,18 @@ void CTradeSliceManager::OrderStep(unsigned id) {
     ScopedLock<CMutex> order_guard(m_mutexOrder);
     void* slot = nullptr;
     if (!m_mapLevelKeyToOrderData.Lookup(key, slot)) {
-      Log(CString::Formatted(L"m_mapLevelKeyToOrderData does not exist: LevelKey=%s", key));
+      LogFormat(L"m_mapLevelKeyToOrderData does not exist: LevelKey=%s", key);
     } else if (slot != nullptr) {
       auto* record = static_cast<CBaseData*>(slot);
       const CString record_key = record->GetString(L"LevelKey");
       CString parent_key;
       if (!(record_key == key)) {
-        Log(CString::Formatted(L"OrderData LevelKey:%s != %s", record_key, key));
+        LogFormat(L"OrderData LevelKey:%s != %s", record_key, key);
       } else {
         const int32_t exec_type = record->GetLong(L"ExecType", 0);
         const CString slice_id = record->GetString(L"SliceID");
         if (!m_mapSliceIDToLevelKey.Lookup(slice_id, parent_key)) {
-          Log(CString::Formatted(L"m_mapSliceIDToLevelKey not exist:%s ,%s", key, slice_id));
+          LogFormat(L"m_mapSliceIDToLevelKey not exist:%s ,%s", key, slice_id);
         } else if (record->GetLong(L"TimeInForce", 0) == 6 ||
                    CheckOpenCloseTime(record, record->GetString(L"Symbol")) != 0) {
           if (!IsFinalExecType(exec_type)) m_mapSliceParams.Lookup(slice_id, slice_info);
@@ -246,10 +246,10 @@ void CTradeSliceManager::OrderStep(unsigned id) {
             if (parent_slot != nullptr) {
               DoSlicedWork(static_cast<CBaseData*>(parent_slot), record, 1);
             } else {
-              Log(CString::Formatted(L"pOriginalData null:%s ,%s", key, parent_key));
+              LogFormat(L"pOriginalData null:%s ,%s", key, parent_key);
             }
           } else {
-            Log(CString::Formatted(L"m_mapLevelKeyToOrderData not exist:%s ,%s", key, parent_key));
+            LogFormat(L"m_mapLevelKeyToOrderData not exist:%s ,%s", key, parent_key);
           }
           if (exec_type == 8) {
             m_mapLevelKeyToOrderData.RemoveKey(key);
@@ -260,7 +260,7 @@ void CTradeSliceManager::OrderStep(unsigned id) {
     }
   }
   if (slice_info.IsEmpty()) return;
-  Log(CString::Formatted(L"[Sliced Info] :%s, %s", key, slice_info));
+  LogFormat(L"[Sliced Info] :%s, %s", key, slice_info);
   int pos = 0;
   slice_info.Tokenize(L",", pos);
   slice_info.Tokenize(L",", pos);
