@@ -31,6 +31,8 @@ int32_t BaseDataObject::BeginUpdate() {
   std::lock_guard<std::mutex> guard(lock_);
   const int32_t id = ++last_update_id_;
   open_updates_.push_back(OpenUpdate{id, {}});
+  // Room for a typical batch, so that it does not grow step by step.
+  open_updates_.back().writes.reserve(8);
   return id;
 }
 
