@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cwchar>
+#include <initializer_list>
 #include <memory>
 #include <string_view>
 
@@ -96,11 +97,12 @@ CommandValues SplitNewOrder(std::wstring_view line) {
   return values;
 }
 
-// The fields of a child record, in the order they are written.
+// The fields of a child record, in the order they are written when it is
+// made; ExecType comes with its first change.
 enum class ChildField {
   kLevelKey, kSymbol, kSide, kAccount, kSecurityType, kBrokerId, kPrice, kPriceString, kOrderType, kTimeInForce,
   kOriginalQty, kOrderQty, kLeavesQty, kCumQty, kOrderId, kSliceId, kGroupId, kGroupType, kGroupPrefix,
-  kConsecutive, kNumberOfRetries, kRetryInterval, kSpreadId, kSlicedType, kCount
+  kConsecutive, kNumberOfRetries, kRetryInterval, kSpreadId, kSlicedType, kExecType, kCount
 };
 
 // Field names as the keys of SetData, made once.
@@ -113,8 +115,15 @@ const Variant& ChildFieldName(ChildField field) {
       Variant::Text(L"CumQty"), Variant::Text(L"OrderID"), Variant::Text(L"SliceID"), Variant::Text(L"GroupID"),
       Variant::Text(L"GroupType"), Variant::Text(L"GroupPrefix"), Variant::Text(L"Consecutive"),
       Variant::Text(L"NumberOfRetries"), Variant::Text(L"RetryInterval"), Variant::Text(L"SpreadID"),
-      Variant::Text(L"SlicedType")};
+      Variant::Text(L"SlicedType"), Variant::Text(L"ExecType")};
   return names[static_cast<size_t>(field)];
+}
+
+// One batch write into an order record, keyed by the names made once.
+void WriteFields(IBaseData* record, std::initializer_list<std::pair<ChildField, Variant>> fields) {
+  const int32_t update = record->BeginUpdate();
+  for (const auto& [field, value] : fields) record->SetData(update, kKindFieldByName, ChildFieldName(field), value);
+  record->EndUpdate(update);
 }
 
 // Keeps a reference alive inside a posted action, released also when the
@@ -697,7 +706,8 @@ void SimExchange::Acknowledge(const std::wstring& level_key) {
   // Announced before the write: the manager hears the write on another
   // thread at once, and a transcript must show cause before reaction.
   if (host_.KeepsEvents()) Record("ExchangeAck", level_key, exec_type, L"OrderID=" + order_id);
-  SimHost::Write(record.get(), {{L"ExecType", Variant::I4(exec_type)}, {L"OrderID", Variant::Text(order_id)}});
+  WriteFields(record.get(), {{ChildField::kExecType, Variant::I4(exec_type)},
+                             {ChildField::kOrderId, Variant::Text(order_id)}});
   if (fill) loop_.Post(fill_delay, [this, level_key] { ScheduledFill(level_key); });
 }
 
@@ -758,9 +768,9 @@ bool SimExchange::ApplyFill(const std::wstring& level_key, int32_t qty) {
            L"Fill=" + std::to_wstring(qty) + L",CumQty=" + std::to_wstring(cum) + L",LeavesQty=" +
                std::to_wstring(leaves));
   }
-  SimHost::Write(record.get(), {{L"ExecType", Variant::I4(exec_type)},
-                                {L"CumQty", Variant::I4(cum)},
-                                {L"LeavesQty", Variant::I4(leaves)}});
+  WriteFields(record.get(), {{ChildField::kExecType, Variant::I4(exec_type)},
+                             {ChildField::kCumQty, Variant::I4(cum)},
+                             {ChildField::kLeavesQty, Variant::I4(leaves)}});
   return more;
 }
 
