@@ -35,7 +35,10 @@
 
 namespace tsm::basedata {
 
-class BaseDataObject final : public IBaseData {
+// Aligned to a cache line, and laid out so that a read of a field by name
+// finds the virtual table, the field table's header and the mutex's own word
+// on the object's first line.
+class alignas(64) BaseDataObject final : public IBaseData {
  public:
   // Starts with one reference, the caller's.
   explicit BaseDataObject(std::wstring name);
@@ -96,11 +99,12 @@ class BaseDataObject final : public IBaseData {
   // Revokes the slot's cookie and drops its reference; call without the lock.
   static void Retire(const ChildSlot& slot);
 
-  std::atomic<uint32_t> refs_{1};
-
-  std::mutex lock_;  // guards every member below
-  std::wstring name_;
+  // Guarded by lock_, as is every member after it (declared first for the
+  // layout above).
   FieldTable fields_by_name_;
+  std::mutex lock_;
+  std::atomic<uint32_t> refs_{1};
+  std::wstring name_;
   std::unordered_map<int32_t, Variant> fields_by_id_;
   std::unordered_map<std::wstring, ChildSlot> named_children_;
   std::vector<ChildSlot> children_;

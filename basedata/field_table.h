@@ -66,8 +66,8 @@ class FieldTable {
   // Moves every field into `size` slots (a power of two).
   void Rebuild(std::size_t size);
 
-  std::vector<Slot> slots_;  // empty or a power of two
   std::size_t count_ = 0;
+  std::vector<Slot> slots_;  // empty or a power of two
 };
 
 }  // namespace tsm::basedata
