@@ -7,6 +7,7 @@
 
 #include "platform/system_text.h"
 #include "testing/manager_fixture.h"
+#include "testing/read_counting_object.h"
 
 namespace tsm {
 
@@ -25,36 +26,6 @@ const wchar_t kProduct[] = L"QX.F.CN";
 std::wstring SessionJson(const std::wstring& member, const std::wstring& text) {
   return L"{\"" + member + L"\":\"" + text + L"\"}";
 }
-
-// A component object that counts the reads made through it.
-class ReadCountingObject final : public IBaseData {
- public:
-  explicit ReadCountingObject(IBaseData* inner) : inner_(inner) { inner_->AddRef(); }
-  uint32_t AddRef() override { return ++refs_; }
-  uint32_t Release() override {
-    const uint32_t count = --refs_;
-    if (count == 0) delete this;
-    return count;
-  }
-  int32_t BeginUpdate() override { return inner_->BeginUpdate(); }
-  void SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value) override {
-    inner_->SetData(update_id, kind, key, value);
-  }
-  void EndUpdate(int32_t update_id) override { inner_->EndUpdate(update_id); }
-  Variant GetData(int32_t kind, const Variant& argument) override {
-    ++reads_;
-    return inner_->GetData(kind, argument);
-  }
-  HResult Advise(IBaseDataEvents* sink, uint32_t* cookie) override { return inner_->Advise(sink, cookie); }
-  HResult Unadvise(uint32_t cookie) override { return inner_->Unadvise(cookie); }
-  int reads() const { return reads_.load(); }
-
- private:
-  ~ReadCountingObject() { inner_->Release(); }
-  std::atomic<uint32_t> refs_{1};
-  std::atomic<int> reads_{0};
-  IBaseData* inner_;
-};
 
 class SessionTableTest : public ManagerTest {
  protected:

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "testing/manager_fixture.h"
+#include "testing/read_counting_object.h"
 
 namespace tsm {
 namespace {
@@ -41,41 +42,10 @@ void SetVolume(IBaseData* quote, int64_t volume) {
   quote->EndUpdate(update);
 }
 
-// A component object that counts the reads by field id made through it: the
-// worker reads the traded volume exactly once per check of a symbol.
-class CountingObject final : public IBaseData {
- public:
-  explicit CountingObject(IBaseData* inner) : inner_(inner) { inner_->AddRef(); }
-  uint32_t AddRef() override { return ++refs_; }
-  uint32_t Release() override {
-    const uint32_t count = --refs_;
-    if (count == 0) delete this;
-    return count;
-  }
-  int32_t BeginUpdate() override { return inner_->BeginUpdate(); }
-  void SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value) override {
-    inner_->SetData(update_id, kind, key, value);
-  }
-  void EndUpdate(int32_t update_id) override { inner_->EndUpdate(update_id); }
-  Variant GetData(int32_t kind, const Variant& argument) override {
-    if (kind == kKindFieldById) ++reads_;
-    return inner_->GetData(kind, argument);
-  }
-  HResult Advise(IBaseDataEvents* sink, uint32_t* cookie) override { return inner_->Advise(sink, cookie); }
-  HResult Unadvise(uint32_t cookie) override { return inner_->Unadvise(cookie); }
-  int reads() const { return reads_.load(); }
-
- private:
-  ~CountingObject() { inner_->Release(); }
-  std::atomic<uint32_t> refs_{1};
-  std::atomic<int> reads_{0};
-  IBaseData* inner_;
-};
-
 class VolumeWorkerTest : public ManagerTest {
  protected:
   ~VolumeWorkerTest() override {
-    for (CountingObject* counting : counting_) counting->Release();
+    for (ReadCountingObject* counting : counting_) counting->Release();
   }
 
   // The host's quote object of `symbol` with a traded volume.
@@ -88,9 +58,10 @@ class VolumeWorkerTest : public ManagerTest {
   VolumeWatchEntry* WatchListened(const std::wstring& symbol) {
     return Watch(symbol, manager_->GetTopicRecord(symbol, manager_));
   }
-  // A watch entry whose record is listened to and counts the volume reads.
-  VolumeWatchEntry* WatchCounted(const std::wstring& symbol, CountingObject** counting) {
-    *counting = new CountingObject(host_.Topic(symbol));
+  // A watch entry whose record is listened to and counts the reads by field
+  // id: the worker reads the traded volume exactly once per check of a symbol.
+  VolumeWatchEntry* WatchCounted(const std::wstring& symbol, ReadCountingObject** counting) {
+    *counting = new ReadCountingObject(host_.Topic(symbol), kKindFieldById);
     counting_.push_back(*counting);
     auto* quote = new CBaseData(&clock_);
     quote->Initialize(manager_, *counting);
@@ -142,7 +113,7 @@ class VolumeWorkerTest : public ManagerTest {
     });
   }
 
-  std::vector<CountingObject*> counting_;  // the test's references
+  std::vector<ReadCountingObject*> counting_;  // the test's references
 };
 
 // ---- The check of one symbol ----
@@ -318,7 +289,7 @@ TEST_F(VolumeWorkerTest, WorkerCancelsWatchedChildWhenItsSymbolsVolumeCrossesThe
 TEST_F(VolumeWorkerTest, SymbolQueuedTwiceBeforeTheWorkerRunsIsCheckedOnce) {
   manager_->SetStage(1, 1);
   QuoteObject(L"QX.A", 100);
-  CountingObject* counted = nullptr;
+  ReadCountingObject* counted = nullptr;
   WatchCounted(L"QX.A", &counted);
   SetVolume(host_.Topic(L"QX.A"), 101);
   SetVolume(host_.Topic(L"QX.A"), 102);
@@ -362,7 +333,7 @@ TEST_F(VolumeWorkerTest, WakeUpDuringTheWorkersRoundIsLostUntilAnotherQuoteChang
   IBaseData* first = QuoteObject(L"QX.A", 100);
   WatchChild(WatchListened(L"QX.A"), L"A1", L"SA", 100);
   QuoteObject(L"QX.B", 103);
-  CountingObject* counted = nullptr;
+  ReadCountingObject* counted = nullptr;
   VolumeWatchEntry* b = WatchCounted(L"QX.B", &counted);
   WatchChild(b, L"B1", L"SB", 100);
   // While the worker sends A1's cancel, QX.B's quote changes (delivered on
