@@ -28,10 +28,9 @@ double Percentile(std::vector<int64_t> values, double fraction) {
   return static_cast<double>(values[index]);
 }
 
-// Several timers used as the slice manager uses them: every expiry stops its
-// timer and arms the same id again, so each sample is one arming's lateness
-// (thread start included) behind "armed + interval".
-struct LatenessRun {
+// What both lateness runs share: eight timers, each taking its samples, and
+// the lateness of each sample.
+struct LatenessSamples {
   static constexpr unsigned kTimers = 8;
 
   CTimer* timer = nullptr;
@@ -43,7 +42,12 @@ struct LatenessRun {
   int taken[kTimers] = {};
   unsigned finished = 0;
   std::vector<int64_t> lateness_us;
+};
 
+// Several timers used as the slice manager uses them: every expiry stops its
+// timer and arms the same id again, so each sample is one arming's lateness
+// (thread start included) behind "armed + interval".
+struct LatenessRun : LatenessSamples {
   static void OnTick(unsigned id, void* context) {
     auto* self = static_cast<LatenessRun*>(context);
     const int64_t now = NowUs();
@@ -64,56 +68,12 @@ struct LatenessRun {
   }
 };
 
-void BM_TimerLateness(benchmark::State& state) {
-  const int interval_ms = static_cast<int>(state.range(0));
-  std::vector<int64_t> all;
-  for (auto _ : state) {
-    CTimer timer;
-    LatenessRun run;
-    run.timer = &timer;
-    run.interval_ms = interval_ms;
-    // About three seconds of expiries whatever the interval.
-    run.samples_per_timer = std::max(20, 3000 / interval_ms);
-    for (unsigned slot = 0; slot < LatenessRun::kTimers; ++slot) {
-      {
-        std::lock_guard<std::mutex> guard(run.lock);
-        run.armed_at_us[slot] = NowUs();
-      }
-      timer.StartTimer(slot + 1, interval_ms, &LatenessRun::OnTick, &run);
-      // Spread the timers over the interval, as independent orders are.
-      std::this_thread::sleep_for(std::chrono::microseconds(interval_ms * 1000 / LatenessRun::kTimers));
-    }
-    std::unique_lock<std::mutex> guard(run.lock);
-    run.all_done.wait(guard, [&run] { return run.finished == LatenessRun::kTimers; });
-    all.insert(all.end(), run.lateness_us.begin(), run.lateness_us.end());
-    guard.unlock();
-    timer.Shutdown();
-  }
-  state.counters["samples"] = static_cast<double>(all.size());
-  state.counters["p50_ms"] = Percentile(all, 0.50) / 1000.0;
-  state.counters["p99_ms"] = Percentile(all, 0.99) / 1000.0;
-  state.counters["max_ms"] = Percentile(all, 1.0) / 1000.0;
-  state.counters["min_ms"] = Percentile(all, 0.0) / 1000.0;
-}
-BENCHMARK(BM_TimerLateness)->Arg(100)->Arg(10)->Iterations(1)->Unit(benchmark::kMillisecond);
-
 // The same timers left running: every expiry's distance past the latest slot
 // of the "armed + k * interval" grid (the grid starts when StartTimer is
 // called, so the one thread start is in every sample). Without a thread start
 // per expiry, this is the wake-up latency; lateness of a whole interval or
 // more would fold back, and shows as a drop in `samples` per second instead.
-struct PeriodicRun {
-  static constexpr unsigned kTimers = 8;
-
-  int interval_ms = 0;
-  int samples_per_timer = 0;
-  std::mutex lock;  // guards everything below
-  std::condition_variable all_done;
-  int64_t armed_at_us[kTimers] = {};
-  int taken[kTimers] = {};
-  unsigned finished = 0;
-  std::vector<int64_t> lateness_us;
-
+struct PeriodicRun : LatenessSamples {
   static void OnTick(unsigned id, void* context) {
     auto* self = static_cast<PeriodicRun*>(context);
     const int64_t now = NowUs();
@@ -127,24 +87,28 @@ struct PeriodicRun {
   }
 };
 
-void BM_PeriodicTimerLateness(benchmark::State& state) {
+template <typename Run>
+void MeasureLateness(benchmark::State& state) {
   const int interval_ms = static_cast<int>(state.range(0));
   std::vector<int64_t> all;
   for (auto _ : state) {
     CTimer timer;
-    PeriodicRun run;
+    Run run;
+    run.timer = &timer;
     run.interval_ms = interval_ms;
+    // About three seconds of expiries whatever the interval.
     run.samples_per_timer = std::max(20, 3000 / interval_ms);
-    for (unsigned slot = 0; slot < PeriodicRun::kTimers; ++slot) {
+    for (unsigned slot = 0; slot < Run::kTimers; ++slot) {
       {
         std::lock_guard<std::mutex> guard(run.lock);
         run.armed_at_us[slot] = NowUs();
       }
-      timer.StartTimer(slot + 1, interval_ms, &PeriodicRun::OnTick, &run);
-      std::this_thread::sleep_for(std::chrono::microseconds(interval_ms * 1000 / PeriodicRun::kTimers));
+      timer.StartTimer(slot + 1, interval_ms, &Run::OnTick, &run);
+      // Spread the timers over the interval, as independent orders are.
+      std::this_thread::sleep_for(std::chrono::microseconds(interval_ms * 1000 / Run::kTimers));
     }
     std::unique_lock<std::mutex> guard(run.lock);
-    run.all_done.wait(guard, [&run] { return run.finished == PeriodicRun::kTimers; });
+    run.all_done.wait(guard, [&run] { return run.finished == Run::kTimers; });
     all.insert(all.end(), run.lateness_us.begin(), run.lateness_us.end());
     guard.unlock();
     timer.Shutdown();
@@ -155,6 +119,11 @@ void BM_PeriodicTimerLateness(benchmark::State& state) {
   state.counters["max_ms"] = Percentile(all, 1.0) / 1000.0;
   state.counters["min_ms"] = Percentile(all, 0.0) / 1000.0;
 }
+
+void BM_TimerLateness(benchmark::State& state) { MeasureLateness<LatenessRun>(state); }
+BENCHMARK(BM_TimerLateness)->Arg(100)->Arg(10)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+void BM_PeriodicTimerLateness(benchmark::State& state) { MeasureLateness<PeriodicRun>(state); }
 BENCHMARK(BM_PeriodicTimerLateness)->Arg(100)->Arg(10)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 void NoOp(unsigned /*id*/, void* /*context*/) {}
