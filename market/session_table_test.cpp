@@ -270,12 +270,7 @@ TEST_F(SessionTableTest, DocumentFilledByTheHostBuildsTheTable) {
 
 TEST_F(SessionTableTest, FilledDocumentWinsOverAnEntryTheHostAddedMeanwhile) {
   StartWithVaultMode(1);
-  IBaseData* entry = Record(L"entry", {{kSecurity, Variant::Text(SessionJson(L"OpenCloseTime", L"21:00~23:00"))}});
-  IBaseData* security_info = host_.Topic(L"Security.Info");
-  host_.on_send = [entry, security_info](const std::wstring& topic, int32_t, int32_t, const std::wstring&, Variant*,
-                                         Variant*) {
-    if (topic == L"MARZIPAN.REQUEST") TsmSetChild(security_info, kProduct, entry);
-  };
+  HostAddsEntryOnVaultRequest(kProduct, kSecurity, SessionJson(L"OpenCloseTime", L"21:00~23:00"));
   host_.SetVaultAnswer("{\"QX.F.CN.IF2612\":{\"OpenCloseTime\":\"09:30~11:30\"}}", L"OK");
   Init();
   EXPECT_EQ(Table(kSecurity), (std::vector<stcOCTime>{{930, 1130}}));
@@ -330,12 +325,7 @@ TEST_F(SessionTableTest, ProductTextIsConvertedFromUtf8) {
 
 TEST_F(SessionTableTest, UnparsableDocumentFallsBackToTheEntry) {
   StartWithVaultMode(1);
-  IBaseData* entry = Record(L"entry", {{kSecurity, Variant::Text(SessionJson(L"OpenCloseTime", L"21:00~23:00"))}});
-  IBaseData* security_info = host_.Topic(L"Security.Info");
-  host_.on_send = [entry, security_info](const std::wstring& topic, int32_t, int32_t, const std::wstring&, Variant*,
-                                         Variant*) {
-    if (topic == L"MARZIPAN.REQUEST") TsmSetChild(security_info, kProduct, entry);
-  };
+  HostAddsEntryOnVaultRequest(kProduct, kSecurity, SessionJson(L"OpenCloseTime", L"21:00~23:00"));
   host_.SetVaultAnswer("{\"QX.F.CN.IF2612\":", L"OK");
   Init();
   EXPECT_EQ(Table(kSecurity), (std::vector<stcOCTime>{{2100, 2300}}));

@@ -19,47 +19,38 @@ class VaultLookupTest : public ManagerTest {
     host_.ClearEvents();
   }
 
-  // The host's database adds the product's entry to the security info record
-  // while it answers the request.
   void HostAddsEntryOnRequest(const std::wstring& field, const std::wstring& value) {
-    IBaseData* entry = Record(L"entry", {{field, Variant::Text(value)}});
-    IBaseData* security_info = host_.Topic(L"Security.Info");
-    host_.on_send = [entry, security_info](const std::wstring& topic, int32_t, int32_t, const std::wstring&, Variant*,
-                                           Variant*) {
-      if (topic == L"MARZIPAN.REQUEST") TsmSetChild(security_info, kProduct, entry);
-    };
+    HostAddsEntryOnVaultRequest(kProduct, field, value);
   }
 
   void Lookup(CBaseData*& entry, rapidjson::Document* document) {
     manager_->GetInfoFromVaultDb(kProduct, kSecurity, entry, document);
+  }
+
+  // Neither a missing nor a present entry makes a request; the entry is kept.
+  void ExpectNoRequestWithOrWithoutEntry(rapidjson::Document& document) {
+    CBaseData* entry = nullptr;
+    Lookup(entry, &document);
+    EXPECT_EQ(entry, nullptr);
+    CBaseData* present = Bound({{L"x", Variant::I4(1)}});
+    entry = present;
+    Lookup(entry, &document);
+    EXPECT_EQ(entry, present);
+    EXPECT_TRUE(host_.Events().empty());
   }
 };
 
 TEST_F(VaultLookupTest, VaultModeZeroSendsNoRequestWhateverTheEntry) {
   StartWithVaultMode(0);
   rapidjson::Document document;
-  CBaseData* entry = nullptr;
-  Lookup(entry, &document);
-  EXPECT_EQ(entry, nullptr);
-  CBaseData* present = Bound({{L"x", Variant::I4(1)}});
-  entry = present;
-  Lookup(entry, &document);
-  EXPECT_EQ(entry, present);
-  EXPECT_TRUE(host_.Events().empty());
+  ExpectNoRequestWithOrWithoutEntry(document);
   EXPECT_TRUE(document.IsNull());
 }
 
 TEST_F(VaultLookupTest, VaultModeTwoSendsNoRequestWhateverTheEntry) {
   StartWithVaultMode(2);
   rapidjson::Document document;
-  CBaseData* entry = nullptr;
-  Lookup(entry, &document);
-  EXPECT_EQ(entry, nullptr);
-  CBaseData* present = Bound({{L"x", Variant::I4(1)}});
-  entry = present;
-  Lookup(entry, &document);
-  EXPECT_EQ(entry, present);
-  EXPECT_TRUE(host_.Events().empty());
+  ExpectNoRequestWithOrWithoutEntry(document);
 }
 
 TEST_F(VaultLookupTest, PresentEntryOnlyLogsNotNullAndIsKept) {

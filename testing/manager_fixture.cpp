@@ -40,6 +40,16 @@ uint32_t ManagerTest::Publish(const std::wstring& name, const sim::FieldList& fi
   return host_.Publish(Record(name, fields));
 }
 
+void ManagerTest::HostAddsEntryOnVaultRequest(const std::wstring& product, const std::wstring& field,
+                                              const std::wstring& value) {
+  IBaseData* entry = Record(L"entry", {{field, Variant::Text(value)}});
+  IBaseData* security_info = host_.Topic(L"Security.Info");
+  host_.on_send = [entry, security_info, product](const std::wstring& topic, int32_t, int32_t, const std::wstring&,
+                                                  Variant*, Variant*) {
+    if (topic == L"MARZIPAN.REQUEST") TsmSetChild(security_info, product.c_str(), entry);
+  };
+}
+
 void ManagerTest::Topic(const std::wstring& topic, int32_t p1, int32_t p2, const std::wstring& text, Variant data) {
   manager_->SetTopic(topic, p1, p2, text, &data);
   TsmWaitEventsDelivered();

@@ -94,6 +94,9 @@ class ManagerTest : public ::testing::Test {
   // A CBaseData handle on a new record (the fixture owns both).
   CBaseData* Bound(const sim::FieldList& fields, const std::wstring& name = L"order");
   void Topic(const std::wstring& topic, int32_t p1, int32_t p2, const std::wstring& text, Variant data);
+  // The host's database adds `product`'s entry (one text field) to the
+  // security info record while it answers the vault request.
+  void HostAddsEntryOnVaultRequest(const std::wstring& product, const std::wstring& field, const std::wstring& value);
   void Advance(int64_t ms) { clock_.Advance(ms); }
   std::vector<std::wstring> Logs() const;
   bool Logged(const std::wstring& line) const;
