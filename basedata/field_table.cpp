@@ -5,20 +5,11 @@
 #include <mutex>
 #include <utility>
 
+#include "data/text.h"
+
 namespace tsm::basedata {
 
 namespace {
-
-// FNV-1a over the characters: field names are short, and this is quicker
-// than a general string hash.
-std::size_t HashOf(std::wstring_view text) {
-  uint64_t hash = 14695981039346656037ull;
-  for (wchar_t c : text) {
-    hash ^= static_cast<uint64_t>(c);
-    hash *= 1099511628211ull;
-  }
-  return static_cast<std::size_t>(hash);
-}
 
 // Every field name the process has used, each stored once. Look-ups take no
 // lock: the open-addressed table of names is only ever added to, by one
@@ -38,7 +29,7 @@ class NamePool {
   NamePool() { Publish(std::make_unique<Table>(kFirstSize)); }
 
   const Name* Intern(std::wstring_view text) {
-    const std::size_t hash = HashOf(text);
+    const std::size_t hash = Fnv1aHash(text);
     if (const Name* found = Find(*current_.load(std::memory_order_acquire), text, hash)) return found;
     std::lock_guard<std::mutex> guard(insert_lock_);
     Table* table = current_.load(std::memory_order_relaxed);
@@ -126,7 +117,7 @@ std::size_t FieldTable::Locate(const Name* name) const {
 }
 
 const Variant* FieldTable::Find(std::wstring_view name) const {
-  const std::size_t at = Locate(name, HashOf(name));
+  const std::size_t at = Locate(name, Fnv1aHash(name));
   return at == slots_.size() ? nullptr : &slots_[at].value;
 }
 

@@ -37,39 +37,6 @@ using JsonDocument = rapidjson::GenericDocument<Json16, rapidjson::MemoryPoolAll
 constexpr std::size_t kJsonChunkBytes = 64 * 1024;
 constexpr std::size_t kJsonStackBytes = 1024;
 
-std::u16string ToUtf16(const std::wstring& text) {
-  std::u16string out;
-  out.reserve(text.size());
-  for (wchar_t c : text) {
-    const uint32_t cp = static_cast<uint32_t>(c);
-    if constexpr (sizeof(wchar_t) > 2) {
-      if (cp >= 0x10000) {
-        out += static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10));
-        out += static_cast<char16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF));
-        continue;
-      }
-    }
-    out += static_cast<char16_t>(cp);
-  }
-  return out;
-}
-
-std::wstring FromUtf16(const char16_t* text, std::size_t length) {
-  std::wstring out;
-  out.reserve(length);
-  for (std::size_t i = 0; i < length; ++i) {
-    uint32_t cp = text[i];
-    if constexpr (sizeof(wchar_t) > 2) {
-      if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < length && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000) {
-        cp = 0x10000 + ((cp - 0xD800) << 10) + (text[i + 1] - 0xDC00);
-        ++i;
-      }
-    }
-    out += static_cast<wchar_t>(cp);
-  }
-  return out;
-}
-
 // The VT_BSTR keys of reads by field name, made once for the process: a
 // read by a name the component spells out then builds no key of its own.
 // Look-ups take no lock (the table is only ever added to, under a mutex, and
@@ -85,7 +52,7 @@ class FieldKeys {
 
   // The key for `name`, or null when it is not kept and there is no room.
   const Variant* Find(std::wstring_view name) {
-    const std::size_t hash = Hash(name);
+    const std::size_t hash = Fnv1aHash(name);
     std::size_t i = hash & kMask;
     for (;; i = (i + 1) & kMask) {
       const Entry* entry = slots_[i].load(std::memory_order_acquire);
@@ -114,16 +81,6 @@ class FieldKeys {
     std::size_t hash;
     Variant key;
   };
-
-  // FNV-1a over the characters.
-  static std::size_t Hash(std::wstring_view name) {
-    uint64_t hash = 14695981039346656037ull;
-    for (wchar_t c : name) {
-      hash ^= static_cast<uint64_t>(c);
-      hash *= 1099511628211ull;
-    }
-    return static_cast<std::size_t>(hash);
-  }
 
   std::atomic<const Entry*> slots_[kSlots] = {};
   std::mutex insert_lock_;                       // guards entries_ and every insertion
@@ -421,15 +378,15 @@ CBaseData* CBaseData::FromCookie(uint32_t cookie, CBaseDataEventReceiver* receiv
 CString CBaseData::GetJsonString(const CString& field, const CString& member) {
   Variant value = GetValue(field);
   if (!value.ChangeTypeToText() || value.type() != VarType::BStr) return CString();
-  const std::u16string text = ToUtf16(value.text());
+  const std::u16string text = Utf16FromWide(value.text());
   rapidjson::MemoryPoolAllocator<> allocator(kJsonChunkBytes);
   JsonDocument document(&allocator, kJsonStackBytes);
   document.Parse(text.c_str());
   if (document.HasParseError() || !document.IsObject()) return CString();
-  const std::u16string name = ToUtf16(member.wstr());
+  const std::u16string name = Utf16FromWide(member.wstr());
   const auto found = document.FindMember(JsonDocument::ValueType(rapidjson::StringRef(name.c_str(), name.size())));
   if (found == document.MemberEnd() || !found->value.IsString()) return CString();
-  return CString(FromUtf16(found->value.GetString(), found->value.GetStringLength()));
+  return CString(WideFromUtf16(std::u16string_view(found->value.GetString(), found->value.GetStringLength())));
 }
 
 void CBaseData::Disconnect() {

@@ -426,4 +426,37 @@ std::string Utf8FromWide(std::wstring_view wide) {
   return out;
 }
 
+std::u16string Utf16FromWide(std::wstring_view wide) {
+  std::u16string out;
+  out.reserve(wide.size());
+  for (wchar_t c : wide) {
+    const uint32_t cp = static_cast<uint32_t>(c);
+    if constexpr (sizeof(wchar_t) > 2) {
+      if (cp >= 0x10000) {
+        out += static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10));
+        out += static_cast<char16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF));
+        continue;
+      }
+    }
+    out += static_cast<char16_t>(cp);
+  }
+  return out;
+}
+
+std::wstring WideFromUtf16(std::u16string_view utf16) {
+  std::wstring out;
+  out.reserve(utf16.size());
+  for (std::size_t i = 0; i < utf16.size(); ++i) {
+    uint32_t cp = utf16[i];
+    if constexpr (sizeof(wchar_t) > 2) {
+      if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < utf16.size() && utf16[i + 1] >= 0xDC00 && utf16[i + 1] < 0xE000) {
+        cp = 0x10000 + ((cp - 0xD800) << 10) + (utf16[i + 1] - 0xDC00);
+        ++i;
+      }
+    }
+    out += static_cast<wchar_t>(cp);
+  }
+  return out;
+}
+
 }  // namespace tsm

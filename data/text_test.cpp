@@ -45,6 +45,13 @@ TEST(FormatTest, WidthPaddingAndUnsigned) {
   EXPECT_EQ(CString::Formatted(L"a%d b%d", 1).wstr(), L"a1 b");
 }
 
+TEST(Utf16Test, RoundTripKeepsCharactersOutsideTheBasicPlane) {
+  const std::wstring wide = WideFromUtf8("A\xe4\xb8\xad\xf0\x9f\x98\x80");  // A, U+4E2D, U+1F600
+  const std::u16string utf16 = Utf16FromWide(wide);
+  EXPECT_EQ(utf16, (std::u16string{u'A', u'\u4e2d', char16_t{0xD83D}, char16_t{0xDE00}}));
+  EXPECT_EQ(WideFromUtf16(utf16), wide);
+}
+
 TEST(CStringTest, TokenizeSkipsEmptyTokens) {
   CString text(L";a;;b;");
   int pos = 0;
