@@ -7,28 +7,11 @@
 #include <memory>
 #include <string_view>
 
+#include "data/text.h"
+
 namespace tsm::sim {
 
 namespace {
-
-int32_t ToI4(const std::wstring& text) { return static_cast<int32_t>(std::wcstol(text.c_str(), nullptr, 10)); }
-int64_t ToI8(const std::wstring& text) { return std::wcstoll(text.c_str(), nullptr, 10); }
-// The same on a piece of a line: wcstol needs the terminating null, which a
-// short piece gets in a buffer on the stack.
-int64_t ToI8(std::wstring_view text) {
-  wchar_t buffer[32];
-  if (text.size() >= std::size(buffer)) return ToI8(std::wstring(text));
-  text.copy(buffer, text.size());
-  buffer[text.size()] = L'\0';
-  return std::wcstoll(buffer, nullptr, 10);
-}
-int32_t ToI4(std::wstring_view text) {
-  wchar_t buffer[32];
-  if (text.size() >= std::size(buffer)) return ToI4(std::wstring(text));
-  text.copy(buffer, text.size());
-  buffer[text.size()] = L'\0';
-  return static_cast<int32_t>(std::wcstol(buffer, nullptr, 10));
-}
 
 std::wstring ReadText(IBaseData* record, const std::wstring& field) {
   Variant value = record->GetData(kKindFieldByName, Variant::Text(field));
@@ -40,7 +23,7 @@ int32_t ReadI4(IBaseData* record, const std::wstring& field, int32_t fallback) {
   const Variant value = record->GetData(kKindFieldByName, Variant::Text(field));
   if (value.type() == VarType::I4) return value.i4();
   if (value.type() == VarType::I8) return static_cast<int32_t>(value.i8());
-  if (value.type() == VarType::BStr) return ToI4(value.text());
+  if (value.type() == VarType::BStr) return WToL(value.text());
   return fallback;
 }
 
@@ -416,8 +399,8 @@ void SimExchange::OnSend(const std::wstring& topic, int32_t /*param1*/, int32_t 
 void SimExchange::OnNewOrder(const std::wstring& command) {
   const CommandValues values = SplitNewOrder(command);
   auto text = [&values](NewOrderKey key) { return Variant::Text(std::wstring(values[key])); };
-  auto i4 = [&values](NewOrderKey key) { return Variant::I4(ToI4(values[key])); };
-  const int32_t qty = ToI4(values[kQty]);
+  auto i4 = [&values](NewOrderKey key) { return Variant::I4(WToL(values[key])); };
+  const int32_t qty = WToL(values[kQty]);
   const std::wstring slice_id(values[kSlicedId]);
   const std::wstring symbol(values[kSymbol]);
   auto* order = new Entry;
@@ -442,7 +425,7 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
     set(ChildField::kAccount, text(kAccount));
     set(ChildField::kSecurityType, text(kType));
     set(ChildField::kBrokerId, text(kBrokerId));
-    set(ChildField::kPrice, Variant::I8(ToI8(values[kPrice])));
+    set(ChildField::kPrice, Variant::I8(WToI64(values[kPrice])));
     set(ChildField::kPriceString, text(kPriceString));
     set(ChildField::kOrderType, i4(kOrderType));
     set(ChildField::kTimeInForce, i4(kTimeInForce));
@@ -563,7 +546,6 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
       order = new Entry;
       order->record = object;
       order->parent = true;
-      order->behaviour = BehaviourFor(symbol);
       order->view.level_key = level_key;
       order->view.slice_id = slice_id;
       order->view.symbol = symbol;
@@ -578,7 +560,7 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
     order->view.done = false;
     order->view.delivered = true;
     order->view.cookie = static_cast<uint32_t>(data->i4());
-    order->view.order_index = ToI4(text);
+    order->view.order_index = WToL(text);
     arrival_.push_back(level_key);
     ParentAccount& account = AccountFor(slice_id);
     account.parent_level_key = level_key;
