@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 
 #include "data/text.h"
+#include "slicehost/transcript.h"
 
 namespace tsm::sim {
 
@@ -178,19 +178,7 @@ std::string ReportHtml(const RunResult& result) {
 }
 
 bool WriteReport(const std::string& path, const RunResult& result, std::string* error) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!out) {
-    if (error != nullptr) *error = path + ": cannot be opened for writing";
-    return false;
-  }
-  const std::string html = ReportHtml(result);
-  out.write(html.data(), static_cast<std::streamsize>(html.size()));
-  out.close();
-  if (!out) {
-    if (error != nullptr) *error = path + ": cannot be written";
-    return false;
-  }
-  return true;
+  return WriteFileBytes(path, ReportHtml(result), error);
 }
 
 }  // namespace tsm::sim

@@ -52,19 +52,7 @@ std::string TranscriptText(const std::vector<HostEvent>& events) {
 }
 
 bool WriteTranscript(const std::string& path, const std::vector<HostEvent>& events, std::string* error) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!out) {
-    if (error != nullptr) *error = path + ": cannot be opened for writing";
-    return false;
-  }
-  const std::string text = TranscriptText(events);
-  out.write(text.data(), static_cast<std::streamsize>(text.size()));
-  out.close();
-  if (!out) {
-    if (error != nullptr) *error = path + ": cannot be written";
-    return false;
-  }
-  return true;
+  return WriteFileBytes(path, TranscriptText(events), error);
 }
 
 std::optional<std::string> CompareTranscripts(const std::string& golden, const std::string& actual) {
@@ -88,6 +76,21 @@ bool ReadFileBytes(const std::string& path, std::string* out) {
   text << in.rdbuf();
   if (in.bad()) return false;
   *out = text.str();
+  return true;
+}
+
+bool WriteFileBytes(const std::string& path, const std::string& bytes, std::string* error) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out) {
+    if (error != nullptr) *error = path + ": cannot be opened for writing";
+    return false;
+  }
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  out.close();
+  if (!out) {
+    if (error != nullptr) *error = path + ": cannot be written";
+    return false;
+  }
   return true;
 }
 

@@ -41,5 +41,7 @@ std::optional<std::string> CompareTranscripts(const std::string& golden, const s
 
 // Reads a whole file as bytes; false when it cannot be read.
 bool ReadFileBytes(const std::string& path, std::string* out);
+// Writes `bytes` to `path`, replacing it; on failure says why in `error`.
+bool WriteFileBytes(const std::string& path, const std::string& bytes, std::string* error);
 
 }  // namespace tsm::sim
