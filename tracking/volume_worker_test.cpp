@@ -337,8 +337,11 @@ TEST_F(VolumeWorkerTest, WakeUpDuringTheWorkersRoundIsLostUntilAnotherQuoteChang
   VolumeWatchEntry* b = WatchCounted(L"QX.B", &counted);
   WatchChild(b, L"B1", L"SB", 100);
   // While the worker sends A1's cancel, QX.B's quote changes (delivered on
-  // the worker's own thread here, so the round is surely still running).
-  host_.on_send = [&](const std::wstring& topic, int32_t, int32_t, const std::wstring& text, Variant*, Variant*) {
+  // the worker's own thread here, so the round is surely still running). The
+  // hook captures nothing of this body and stays in place: the worker may
+  // still be reading it while the body ends.
+  host_.on_send = [this, b](const std::wstring& topic, int32_t, int32_t, const std::wstring& text, Variant*,
+                            Variant*) {
     if (topic == L"TRADE.CANCELORDER" && text == L"REPORTID=A1") manager_->OnDataUpdate(b->pQuote, 1, L"");
   };
   SetVolume(first, 103);
@@ -358,7 +361,6 @@ TEST_F(VolumeWorkerTest, WakeUpDuringTheWorkersRoundIsLostUntilAnotherQuoteChang
   SetVolume(third, 101);
   ASSERT_TRUE(WaitForCancel(L"REPORTID=B1"));
   EXPECT_EQ(counted->reads(), 1);
-  host_.on_send = nullptr;
 }
 
 TEST_F(VolumeWorkerTest, Stage4StopsTheWorkerAtItsNextWakeUp) {
