@@ -6,30 +6,33 @@ namespace tsm {
 
 void CMutex::Lock() {
   const std::thread::id me = std::this_thread::get_id();
-  std::unique_lock<std::mutex> guard(state_lock_);
-  if (depth_ > 0 && owner_ == me) {
+  if (owner_.load(std::memory_order_relaxed) == me) {
     ++depth_;
     return;
   }
-  released_.wait(guard, [this] { return depth_ == 0; });
-  owner_ = me;
+  std::unique_lock<std::mutex> guard(state_lock_);
+  released_.wait(guard, [this] { return owner_.load(std::memory_order_relaxed) == std::thread::id(); });
+  owner_.store(me, std::memory_order_relaxed);
   depth_ = 1;
 }
 
 bool CMutex::Unlock() {
-  std::unique_lock<std::mutex> guard(state_lock_);
-  if (depth_ == 0 || owner_ != std::this_thread::get_id()) return false;
-  if (--depth_ == 0) {
-    owner_ = std::thread::id();
-    guard.unlock();
-    released_.notify_one();
+  if (owner_.load(std::memory_order_relaxed) != std::this_thread::get_id()) return false;
+  if (depth_ > 1) {
+    --depth_;
+    return true;
   }
+  {
+    std::lock_guard<std::mutex> guard(state_lock_);
+    depth_ = 0;
+    owner_.store(std::thread::id(), std::memory_order_relaxed);
+  }
+  released_.notify_one();
   return true;
 }
 
 int CMutex::LevelsHeldByCaller() const {
-  std::lock_guard<std::mutex> guard(state_lock_);
-  return (depth_ > 0 && owner_ == std::this_thread::get_id()) ? depth_ : 0;
+  return owner_.load(std::memory_order_relaxed) == std::this_thread::get_id() ? depth_ : 0;
 }
 
 void CEvent::Set() {

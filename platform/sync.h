@@ -9,6 +9,7 @@
 // two of its calls). None of these types can be copied.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -32,10 +33,14 @@ class CMutex {
   int LevelsHeldByCaller() const;
 
  private:
-  mutable std::mutex state_lock_;  // guards owner_ and depth_
-  std::condition_variable released_;
-  std::thread::id owner_;
+  // Only the owning thread can find its own id here, so it re-enters and
+  // releases inner levels without taking state_lock_; taking the mutex from
+  // no owner and giving it back to none go through state_lock_.
+  std::atomic<std::thread::id> owner_{};
+  // Touched only by the owning thread; handed on through state_lock_.
   int depth_ = 0;
+  std::mutex state_lock_;  // guards every change of owner_ between no owner and an owner
+  std::condition_variable released_;
 };
 
 // Recursive critical section; unlike CMutex it must be released by its owner.

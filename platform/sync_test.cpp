@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -69,6 +70,42 @@ TEST(CMutexTest, ExcludesOtherThreads) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(counter, 8000);
+}
+
+TEST(CMutexTest, NextOwnerStartsAtOneLevelAfterANestedOwnerLetsGo) {
+  CMutex mutex;
+  mutex.Lock();
+  mutex.Lock();
+  std::atomic<int> levels_seen{-1};
+  std::thread other([&] {
+    mutex.Lock();
+    levels_seen = mutex.LevelsHeldByCaller();
+    mutex.Unlock();
+  });
+  EXPECT_TRUE(mutex.Unlock());
+  EXPECT_EQ(mutex.LevelsHeldByCaller(), 1);
+  EXPECT_TRUE(mutex.Unlock());
+  other.join();
+  EXPECT_EQ(levels_seen.load(), 1);
+  EXPECT_EQ(mutex.LevelsHeldByCaller(), 0);
+}
+
+TEST(CMutexTest, NestedLevelsExcludeOtherThreads) {
+  CMutex mutex;
+  int counter = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 1000; ++i) {
+        ScopedLock<CMutex> outer(mutex);
+        ScopedLock<CMutex> inner(mutex);
+        const int before = counter;
+        counter = before + 1;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(counter, 4000);
 }
 
 TEST(CEventTest, AutoResetEventIsTakenByOneWait) {
