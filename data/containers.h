@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -34,7 +35,12 @@ class CMapStringTo {
   int GetCount() const { return count_; }
   bool IsEmpty() const { return count_ == 0; }
 
-  bool Lookup(const CString& key, Value& value) const {
+  bool Lookup(const CString& key, Value& value) const { return Lookup(std::wstring_view(key.wstr()), value); }
+  bool Lookup(const wchar_t* key, Value& value) const { return Lookup(std::wstring_view(key), value); }
+  bool Lookup(const std::wstring& key, Value& value) const { return Lookup(std::wstring_view(key), value); }
+  // The same by a view, so that a caller holding a piece of a longer text
+  // looks it up without copying it out first.
+  bool Lookup(std::wstring_view key, Value& value) const {
     if (buckets_.empty()) return false;
     const uint32_t hash = HashKey(key);
     const Bucket& bucket = buckets_[hash % buckets_.size()];
@@ -50,9 +56,9 @@ class CMapStringTo {
 
   void SetAt(const CString& key, Value value) {
     if (buckets_.empty()) buckets_.assign(kDefaultHashSize, {});
-    const uint32_t hash = HashKey(key);
+    const uint32_t hash = HashKey(key.wstr());
     Bucket& bucket = buckets_[hash % buckets_.size()];
-    const std::size_t at = bucket.Find(hash, key);
+    const std::size_t at = bucket.Find(hash, key.wstr());
     if (at != kNone) {
       bucket.entries[at].value = std::move(value);
       return;
@@ -64,9 +70,9 @@ class CMapStringTo {
 
   bool RemoveKey(const CString& key) {
     if (buckets_.empty()) return false;
-    const uint32_t hash = HashKey(key);
+    const uint32_t hash = HashKey(key.wstr());
     Bucket& bucket = buckets_[hash % buckets_.size()];
-    const std::size_t at = bucket.Find(hash, key);
+    const std::size_t at = bucket.Find(hash, key.wstr());
     if (at == kNone) return false;
     bucket.hashes.erase(bucket.hashes.begin() + static_cast<std::ptrdiff_t>(at));
     bucket.entries.erase(bucket.entries.begin() + static_cast<std::ptrdiff_t>(at));
@@ -92,9 +98,9 @@ class CMapStringTo {
   }
 
   // MFC's string hash: h = h * 33 + c over the characters, 32-bit.
-  static uint32_t HashKey(const CString& key) {
+  static uint32_t HashKey(std::wstring_view key) {
     uint32_t hash = 0;
-    for (wchar_t c : key.wstr()) hash = (hash << 5) + hash + static_cast<uint32_t>(c);
+    for (wchar_t c : key) hash = (hash << 5) + hash + static_cast<uint32_t>(c);
     return hash;
   }
 
@@ -113,9 +119,9 @@ class CMapStringTo {
     std::vector<uint32_t> hashes;  // hashes[i] is the hash of entries[i].key
     std::vector<Entry> entries;
 
-    std::size_t Find(uint32_t hash, const CString& key) const {
+    std::size_t Find(uint32_t hash, std::wstring_view key) const {
       for (std::size_t i = 0; i < hashes.size(); ++i) {
-        if (hashes[i] == hash && entries[i].key == key) return i;
+        if (hashes[i] == hash && entries[i].key.wstr() == key) return i;
       }
       return kNone;
     }

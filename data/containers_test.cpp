@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <string_view>
+#include <vector>
+
 namespace tsm {
 namespace {
 
@@ -30,6 +34,20 @@ TEST(CMapStringToTest, IterationOrderIsBucketOrderNewestFirst) {
   std::vector<int> seen;
   map.ForEach([&](const CString&, int v) { seen.push_back(v); });
   EXPECT_EQ(seen, (std::vector<int>{3, 2, 1}));
+}
+
+TEST(CMapStringToTest, LookupByAPieceOfALongerTextFindsTheSameEntry) {
+  CMapStringToPtr map;
+  map.InitHashTable(1009);
+  int value = 0;
+  map.SetAt(L"C2", &value);
+  const std::wstring list = L"C1,C2,C3";
+  void* found = nullptr;
+  EXPECT_TRUE(map.Lookup(std::wstring_view(list).substr(3, 2), found));
+  EXPECT_EQ(found, &value);
+  EXPECT_FALSE(map.Lookup(std::wstring_view(list).substr(3, 1), found));
+  EXPECT_FALSE(map.Lookup(std::wstring_view(list).substr(0, 2), found));
+  EXPECT_EQ(CMapStringToPtr::HashKey(std::wstring_view(list).substr(3, 2)), CMapStringToPtr::HashKey(L"C2"));
 }
 
 TEST(CMapStringToTest, HashIsTheSameOnEveryPlatform) {
