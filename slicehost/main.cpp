@@ -17,6 +17,7 @@
 #include <variant>
 #include <vector>
 
+#include "platform/process_memory.h"
 #include "slicehost/report.h"
 #include "slicehost/runner.h"
 #include "slicehost/scenario.h"
@@ -217,6 +218,9 @@ int Play(const Options& o) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A host process, as the platform's own is: its heap is set up before the
+  // component's threads start.
+  tsm::GrowHeapInLargeSteps();
   try {
     Options o;
     const std::string problem = ParseArgs(argc, argv, &o);

@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,6 +17,12 @@ int64_t ResidentBytes() {
   std::fclose(statm);
   if (read != 2) return 0;
   return static_cast<int64_t>(resident_pages) * sysconf(_SC_PAGESIZE);
+}
+
+void GrowHeapInLargeSteps() {
+  // Address space only: pages are still committed when first touched.
+  constexpr int kTopPadBytes = 64 << 20;
+  mallopt(M_TOP_PAD, kTopPadBytes);
 }
 
 }  // namespace tsm

@@ -12,4 +12,7 @@ int64_t ResidentBytes() {
   return static_cast<int64_t>(counters.WorkingSetSize);
 }
 
+// The process heap of Windows commits in its own large segments.
+void GrowHeapInLargeSteps() {}
+
 }  // namespace tsm
