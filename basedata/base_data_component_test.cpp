@@ -179,6 +179,33 @@ TEST(BaseDataComponentTest, NameCanBeWrittenWithItsKind) {
   EXPECT_EQ(object->GetData(kKindName, Variant()), Variant::Text(L"After"));
 }
 
+TEST(BaseDataComponentTest, ObjectMadeWithItsFieldsHoldsThemAsOneFirstUpdate) {
+  TsmField fields[] = {{L"LevelKey", Variant::Text(L"C1")},
+                       {L"Qty", Variant::I4(300)},
+                       {L"Price", Variant::I8(INT64_C(1234567890123))},
+                       {L"OrderID", Variant::Text(L"")},
+                       {nullptr, Variant::I4(1)},
+                       {L"Skipped", Variant()}};
+  ObjectPtr object(TsmCreateBaseDataWithFields(L"order", fields, 6));
+  EXPECT_EQ(object->GetData(kKindName, Variant()), Variant::Text(L"order"));
+  EXPECT_EQ(Field(object.get(), L"LevelKey"), Variant::Text(L"C1"));
+  EXPECT_EQ(Field(object.get(), L"Qty"), Variant::I4(300));
+  EXPECT_EQ(Field(object.get(), L"Price"), Variant::I8(INT64_C(1234567890123)));
+  // An empty text is a value; an empty variant is no field.
+  EXPECT_EQ(Field(object.get(), L"OrderID"), Variant::Text(L""));
+  EXPECT_TRUE(Field(object.get(), L"Skipped").IsEmpty());
+  // The values were moved out.
+  EXPECT_TRUE(fields[0].value.text().empty());
+  // The fields took update id 1, as a first batch write would.
+  EXPECT_EQ(object->BeginUpdate(), 2);
+}
+
+TEST(BaseDataComponentTest, ObjectMadeWithNoFieldsIsEmptyAndStartsAtUpdateOne) {
+  ObjectPtr object(TsmCreateBaseDataWithFields(L"order", nullptr, 0));
+  EXPECT_TRUE(Field(object.get(), L"LevelKey").IsEmpty());
+  EXPECT_EQ(object->BeginUpdate(), 1);
+}
+
 TEST(BaseDataComponentTest, UnknownKindsReadEmpty) {
   ObjectPtr object = NewObject();
   EXPECT_TRUE(object->GetData(2, Variant::Text(L"Qty")).IsEmpty());

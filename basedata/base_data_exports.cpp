@@ -54,6 +54,12 @@ IBaseData* TsmCreateBaseData(const wchar_t* name) {
   return new basedata::BaseDataObject(name != nullptr ? std::wstring(name) : std::wstring());
 }
 
+IBaseData* TsmCreateBaseDataWithFields(const wchar_t* name, TsmField* fields, int32_t count) {
+  auto* object = new basedata::BaseDataObject(name != nullptr ? std::wstring(name) : std::wstring());
+  if (fields != nullptr && count > 0) object->WriteFirstFields(fields, count);
+  return object;
+}
+
 void TsmSetChild(IBaseData* parent, const wchar_t* field_name, IBaseData* child) {
   if (parent == nullptr || field_name == nullptr) return;
   Impl(parent)->SetChild(field_name, child);

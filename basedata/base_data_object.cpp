@@ -62,6 +62,17 @@ void BaseDataObject::EndUpdate(int32_t update_id) {
   PostLocked(QueuedEvent::Kind::kUpdate, update_id, std::move(changed));
 }
 
+void BaseDataObject::WriteFirstFields(TsmField* fields, int32_t count) {
+  std::lock_guard<std::mutex> guard(lock_);
+  ++last_update_id_;
+  fields_by_name_.Reserve(fields_by_name_.size() + static_cast<std::size_t>(count));
+  for (int32_t i = 0; i < count; ++i) {
+    TsmField& field = fields[i];
+    if (field.name == nullptr || field.value.IsEmpty()) continue;
+    fields_by_name_.Set(FieldTable::Intern(field.name), std::move(field.value));
+  }
+}
+
 BaseDataObject::Write BaseDataObject::MakeWrite(int32_t kind, const Variant& key, const Variant& value) {
   Write write;
   if (kind == kKindFieldByName && key.type() == VarType::BStr) {

@@ -56,6 +56,9 @@ class alignas(64) BaseDataObject final : public IBaseData {
   HResult Unadvise(uint32_t cookie) override;
 
   // What the platform does to an object from inside the component.
+  // The fields of an object nobody listens to yet, as one batch (update id
+  // 1 when it is the first); values are moved out of `fields`.
+  void WriteFirstFields(TsmField* fields, int32_t count);
   void SetChild(const std::wstring& field, IBaseData* child);
   void AppendChild(IBaseData* child);
   void ClearChildren();

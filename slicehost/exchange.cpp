@@ -88,17 +88,20 @@ enum class ChildField {
   kConsecutive, kNumberOfRetries, kRetryInterval, kSpreadId, kSlicedType, kExecType, kCount
 };
 
+constexpr const wchar_t* kChildFieldTexts[static_cast<size_t>(ChildField::kCount)] = {
+    L"LevelKey",    L"Symbol",        L"Side",        L"Account",     L"SecurityType", L"BrokerID",
+    L"Price",       L"PriceString",   L"OrderType",   L"TimeInForce", L"OriginalQty",  L"OrderQty",
+    L"LeavesQty",   L"CumQty",        L"OrderID",     L"SliceID",     L"GroupID",      L"GroupType",
+    L"GroupPrefix", L"Consecutive",   L"NumberOfRetries", L"RetryInterval", L"SpreadID", L"SlicedType",
+    L"ExecType"};
+
 // Field names as the keys of SetData, made once.
 const Variant& ChildFieldName(ChildField field) {
-  static const std::array<Variant, static_cast<size_t>(ChildField::kCount)> names = {
-      Variant::Text(L"LevelKey"), Variant::Text(L"Symbol"), Variant::Text(L"Side"), Variant::Text(L"Account"),
-      Variant::Text(L"SecurityType"), Variant::Text(L"BrokerID"), Variant::Text(L"Price"),
-      Variant::Text(L"PriceString"), Variant::Text(L"OrderType"), Variant::Text(L"TimeInForce"),
-      Variant::Text(L"OriginalQty"), Variant::Text(L"OrderQty"), Variant::Text(L"LeavesQty"),
-      Variant::Text(L"CumQty"), Variant::Text(L"OrderID"), Variant::Text(L"SliceID"), Variant::Text(L"GroupID"),
-      Variant::Text(L"GroupType"), Variant::Text(L"GroupPrefix"), Variant::Text(L"Consecutive"),
-      Variant::Text(L"NumberOfRetries"), Variant::Text(L"RetryInterval"), Variant::Text(L"SpreadID"),
-      Variant::Text(L"SlicedType"), Variant::Text(L"ExecType")};
+  static const std::array<Variant, static_cast<size_t>(ChildField::kCount)> names = [] {
+    std::array<Variant, static_cast<size_t>(ChildField::kCount)> made;
+    for (size_t i = 0; i < made.size(); ++i) made[i] = Variant::Text(kChildFieldTexts[i]);
+    return made;
+  }();
   return names[static_cast<size_t>(field)];
 }
 
@@ -412,12 +415,13 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
     order->behaviour = BehaviourFor(symbol);
     delivery_delay = order->behaviour.delivery_delay_ms;
   }
-  order->record = TsmCreateBaseData(L"order");
   {
-    IBaseData* record = order->record;
-    const int32_t update = record->BeginUpdate();
-    auto set = [record, update](ChildField field, const Variant& value) {
-      record->SetData(update, kKindFieldByName, ChildFieldName(field), value);
+    // Made with its fields in one step, as the platform makes its order
+    // records: the record is nobody's to listen to yet.
+    std::array<TsmField, static_cast<size_t>(ChildField::kCount)> fields;
+    size_t count = 0;
+    auto set = [&fields, &count](ChildField field, Variant value) {
+      fields[count++] = TsmField{kChildFieldTexts[static_cast<size_t>(field)], std::move(value)};
     };
     set(ChildField::kLevelKey, Variant::Text(level_key));
     set(ChildField::kSymbol, Variant::Text(symbol));
@@ -443,7 +447,7 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
     set(ChildField::kRetryInterval, i4(kRetryInterval));
     set(ChildField::kSpreadId, text(kSpreadId));
     if (!values[kSlicedType].empty()) set(ChildField::kSlicedType, i4(kSlicedType));
-    record->EndUpdate(update);
+    order->record = TsmCreateBaseDataWithFields(L"order", fields.data(), static_cast<int32_t>(count));
   }
   order->view.level_key = level_key;
   order->view.slice_id = slice_id;

@@ -98,6 +98,18 @@ TSM_BASEDATA_API IBaseData* TsmCreateBaseDataByProgId(const wchar_t* prog_id);
 // Creates an empty object with the given name; the caller owns the reference.
 TSM_BASEDATA_API IBaseData* TsmCreateBaseData(const wchar_t* name);
 
+// One field of a new object: its name and its value.
+struct TsmField {
+  const wchar_t* name;
+  Variant value;
+};
+
+// Creates an object with the given name holding `count` fields, as one batch
+// write made before anyone could listen to it (it takes update id 1 and
+// raises no event). The values are moved out of `fields`; a field without a
+// name or with an empty value is skipped. The caller owns the reference.
+TSM_BASEDATA_API IBaseData* TsmCreateBaseDataWithFields(const wchar_t* name, TsmField* fields, int32_t count);
+
 // Places `child` in the field `field_name` of `parent` (read with kind 5);
 // null clears the field. The parent takes its own reference.
 TSM_BASEDATA_API void TsmSetChild(IBaseData* parent, const wchar_t* field_name, IBaseData* child);
