@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "data/text.h"
 
@@ -37,6 +38,10 @@ IBaseData* FromCookie(const Variant* data) {
   return object;
 }
 
+// Decimal text of a number. std::to_wstring goes through the C library's
+// wide printf, which costs more than the rest of making a child's key.
+std::wstring Decimal(int64_t value) { return CString::Formatted(L"%I64d", value).wstr(); }
+
 // The keys of a new-order command that a child record is made from.
 enum NewOrderKey {
   kType, kBrokerId, kAccount, kSymbol, kSide, kQty, kPrice, kPriceString, kOrderType, kTimeInForce, kGroupType,
@@ -49,12 +54,25 @@ constexpr std::wstring_view kNewOrderKeyNames[kNewOrderKeys] = {
     L"SlicedType", L"GroupPrefix", L"SpreadID"};
 using CommandValues = std::array<std::wstring_view, kNewOrderKeys>;
 
+// The keys above grouped by length, so that each of the forty or so keys of
+// a command is compared with the two or three of its length only.
+constexpr size_t kLongestNewOrderKey = 15;
+using KeysByLength = std::array<std::vector<int>, kLongestNewOrderKey + 1>;
+
+const KeysByLength& NewOrderKeysByLength() {
+  static const KeysByLength by_length = [] {
+    KeysByLength made;
+    for (int k = 0; k < kNewOrderKeys; ++k) made[kNewOrderKeyNames[k].size()].push_back(k);
+    return made;
+  }();
+  return by_length;
+}
+
 // The index of a key above, or -1 for a key no child field comes from.
 int NewOrderKeyIndex(std::wstring_view key) {
-  if (key.empty()) return -1;
-  for (int k = 0; k < kNewOrderKeys; ++k) {
-    const std::wstring_view name = kNewOrderKeyNames[k];
-    if (name.size() == key.size() && name[0] == key[0] && name == key) return k;
+  if (key.empty() || key.size() > kLongestNewOrderKey) return -1;
+  for (const int k : NewOrderKeysByLength()[key.size()]) {
+    if (kNewOrderKeyNames[k] == key) return k;
   }
   return -1;
 }
@@ -266,7 +284,7 @@ std::wstring SimExchange::SubmitParent(const FieldList& fields, int64_t delay_ms
   {
     std::lock_guard<std::mutex> guard(lock_);
     if (level_key.empty()) {
-      level_key = L"P" + std::to_wstring(next_parent_++);
+      level_key = L"P" + Decimal(next_parent_++);
       all.emplace_back(L"LevelKey", Variant::Text(level_key));
     }
     if (orders_.count(level_key) != 0) {
@@ -315,10 +333,10 @@ std::wstring SimExchange::SubmitParent(const FieldList& fields, int64_t delay_ms
       }
     }
     if (host_.KeepsEvents()) {
-      Record("ExchangeSubmit", level_key, -1, L"SliceID=" + slice_id + L",Index=" + std::to_wstring(index));
+      Record("ExchangeSubmit", level_key, -1, L"SliceID=" + slice_id + L",Index=" + Decimal(index));
     }
     Variant data = Variant::I4(static_cast<int32_t>(cookie));
-    if (manager != nullptr) manager->SetTopic(L"TRADE.SLICE.MANAGER", 0, 0, std::to_wstring(index), &data);
+    if (manager != nullptr) manager->SetTopic(L"TRADE.SLICE.MANAGER", 0, 0, Decimal(index), &data);
   });
   return level_key;
 }
@@ -411,7 +429,7 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
   int64_t delivery_delay;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    level_key = level_key_prefix_ + std::to_wstring(next_child_++);
+    level_key = level_key_prefix_ + Decimal(next_child_++);
     order->behaviour = BehaviourFor(symbol);
     delivery_delay = order->behaviour.delivery_delay_ms;
   }
@@ -468,7 +486,7 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
   }
   if (host_.KeepsEvents()) {
     Record("ExchangeNew", level_key, -1,
-           L"SliceID=" + slice_id + L",Symbol=" + symbol + L",Qty=" + std::to_wstring(qty));
+           L"SliceID=" + slice_id + L",Symbol=" + symbol + L",Qty=" + Decimal(qty));
   }
   loop_.Post(delivery_delay, [this, level_key] { Deliver(level_key); });
 }
@@ -577,7 +595,7 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
   }
   if (host_.KeepsEvents()) {
     Record("ExchangeFinal", level_key, -1,
-           L"SliceID=" + slice_id + L",Qty=" + std::to_wstring(qty) + (work ? L"" : L",Held=1"));
+           L"SliceID=" + slice_id + L",Qty=" + Decimal(qty) + (work ? L"" : L",Held=1"));
   }
   if (work) loop_.Post(ack_delay, [this, level_key] { Acknowledge(level_key); });
 }
@@ -599,7 +617,7 @@ void SimExchange::OnTransfer(const Variant* data) {
     account.transferred = true;
     account.end_ms = host_.ElapsedMs();
   }
-  Record("ExchangeTransfer", level_key, -1, L"SliceID=" + slice_id + L",Qty=" + std::to_wstring(qty));
+  Record("ExchangeTransfer", level_key, -1, L"SliceID=" + slice_id + L",Qty=" + Decimal(qty));
 }
 
 void SimExchange::OnParentCancel(const std::wstring& topic, const std::wstring& text, const Variant* data) {
@@ -654,7 +672,7 @@ void SimExchange::Deliver(const std::wstring& level_key) {
     }
   }
   Variant data = Variant::I4(static_cast<int32_t>(cookie));
-  if (manager != nullptr) manager->SetTopic(L"TRADE.HOT.MONTH", 0, 0, std::to_wstring(index), &data);
+  if (manager != nullptr) manager->SetTopic(L"TRADE.HOT.MONTH", 0, 0, Decimal(index), &data);
   loop_.Post(ack_delay, [this, level_key] { Acknowledge(level_key); });
 }
 
@@ -673,7 +691,7 @@ void SimExchange::Acknowledge(const std::wstring& level_key) {
       exec_type = codes_.rejected;
     } else {
       exec_type = codes_.acknowledged;
-      order_id = L"X" + std::to_wstring(next_order_id_++);
+      order_id = L"X" + Decimal(next_order_id_++);
       order->view.order_id = order_id;
       order->view.last_exec_type = exec_type;
       if (!order->view.final_portion) ++AccountFor(order->view.slice_id).children_acknowledged;
@@ -751,8 +769,8 @@ bool SimExchange::ApplyFill(const std::wstring& level_key, int32_t qty) {
   }
   if (host_.KeepsEvents()) {
     Record("ExchangeFill", level_key, exec_type,
-           L"Fill=" + std::to_wstring(qty) + L",CumQty=" + std::to_wstring(cum) + L",LeavesQty=" +
-               std::to_wstring(leaves));
+           L"Fill=" + Decimal(qty) + L",CumQty=" + Decimal(cum) + L",LeavesQty=" +
+               Decimal(leaves));
   }
   WriteFields(record.get(), {{ChildField::kExecType, Variant::I4(exec_type)},
                              {ChildField::kCumQty, Variant::I4(cum)},
