@@ -14,30 +14,6 @@ namespace tsm::sim {
 
 namespace {
 
-std::wstring ReadText(IBaseData* record, const std::wstring& field) {
-  Variant value = record->GetData(kKindFieldByName, Variant::Text(field));
-  value.ChangeTypeToText();
-  return value.text();
-}
-
-int32_t ReadI4(IBaseData* record, const std::wstring& field, int32_t fallback) {
-  const Variant value = record->GetData(kKindFieldByName, Variant::Text(field));
-  if (value.type() == VarType::I4) return value.i4();
-  if (value.type() == VarType::I8) return static_cast<int32_t>(value.i8());
-  if (value.type() == VarType::BStr) return WToL(value.text());
-  return fallback;
-}
-
-// The record behind a VT_I4 cookie, with a new reference; null otherwise.
-IBaseData* FromCookie(const Variant* data) {
-  if (data == nullptr || data->type() != VarType::I4 || data->i4() == 0) return nullptr;
-  IBaseData* object = nullptr;
-  if (TsmGetGlobalInterfaceTable()->GetInterfaceFromGlobal(static_cast<uint32_t>(data->i4()), &object) != kS_OK) {
-    return nullptr;
-  }
-  return object;
-}
-
 // Decimal text of a number. std::to_wstring goes through the C library's
 // wide printf, which costs more than the rest of making a child's key.
 std::wstring Decimal(int64_t value) { return CString::Formatted(L"%I64d", value).wstr(); }
@@ -545,16 +521,16 @@ void SimExchange::OnReplaceOrder(const std::wstring& text) {
 }
 
 void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) {
-  IBaseData* object = FromCookie(data);
+  IBaseData* object = SimHost::FromCookie(data);
   if (object == nullptr) {
     Record("ExchangeIgnored", L"", -1, L"Reason=final portion without a record,Index=" + text);
     return;
   }
-  const std::wstring level_key = ReadText(object, L"LevelKey");
-  const std::wstring slice_id = ReadText(object, L"SliceID");
-  const std::wstring symbol = ReadText(object, L"Symbol");
-  const int32_t qty = ReadI4(object, L"OrderQty", 0);
-  const int32_t sliced_type = ReadI4(object, L"SlicedType", 0);
+  const std::wstring level_key = SimHost::ReadText(object, L"LevelKey");
+  const std::wstring slice_id = SimHost::ReadText(object, L"SliceID");
+  const std::wstring symbol = SimHost::ReadText(object, L"Symbol");
+  const int32_t qty = SimHost::ReadI4(object, L"OrderQty", 0);
+  const int32_t sliced_type = SimHost::ReadI4(object, L"SlicedType", 0);
   bool work = false;
   int64_t ack_delay = 0;
   {
@@ -601,14 +577,14 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
 }
 
 void SimExchange::OnTransfer(const Variant* data) {
-  IBaseData* object = FromCookie(data);
+  IBaseData* object = SimHost::FromCookie(data);
   if (object == nullptr) {
     Record("ExchangeIgnored", L"", -1, L"Reason=transfer without a record");
     return;
   }
-  const std::wstring level_key = ReadText(object, L"LevelKey");
-  const std::wstring slice_id = ReadText(object, L"SliceID");
-  const int32_t qty = ReadI4(object, L"OrderQty", 0);
+  const std::wstring level_key = SimHost::ReadText(object, L"LevelKey");
+  const std::wstring slice_id = SimHost::ReadText(object, L"SliceID");
+  const int32_t qty = SimHost::ReadI4(object, L"OrderQty", 0);
   object->Release();
   {
     std::lock_guard<std::mutex> guard(lock_);

@@ -268,10 +268,7 @@ std::wstring FieldsSummary(const ScenarioFields& fields) {
 
 int32_t FieldI4(const ScenarioFields& fields, const std::wstring& name, int32_t fallback) {
   for (const auto& [field, value] : fields) {
-    if (field != name) continue;
-    if (value.type() == VarType::I4) return value.i4();
-    if (value.type() == VarType::I8) return static_cast<int32_t>(value.i8());
-    if (value.type() == VarType::BStr) return WToL(value.text());
+    if (field == name) return SimHost::ToI4(value, fallback);
   }
   return fallback;
 }
@@ -579,14 +576,9 @@ class Play {
     const int32_t n = count.type() == VarType::I4 ? count.i4() : 0;
     for (int32_t i = 0; i < n; ++i) {
       const Variant cookie = order_set->GetData(kKindChildren, Variant::I4(i));
-      IBaseData* child = nullptr;
-      if (cookie.type() != VarType::I4 ||
-          TsmGetGlobalInterfaceTable()->GetInterfaceFromGlobal(static_cast<uint32_t>(cookie.i4()), &child) != kS_OK) {
-        continue;
-      }
-      Variant key = SimHost::Read(child, L"LevelKey");
-      key.ChangeTypeToText();
-      children.emplace_back(key.text(), child);
+      IBaseData* child = SimHost::FromCookie(&cookie);
+      if (child == nullptr) continue;
+      children.emplace_back(SimHost::ReadText(child, L"LevelKey"), child);
     }
     std::stable_sort(children.begin(), children.end(), [&first](const auto& a, const auto& b) {
       auto rank = [&first](const std::wstring& key) {

@@ -8,16 +8,6 @@
 
 namespace tsm::sim {
 
-namespace {
-
-std::wstring ReadText(IBaseData* object, const std::wstring& field) {
-  Variant value = object->GetData(kKindFieldByName, Variant::Text(field));
-  value.ChangeTypeToText();
-  return value.text();
-}
-
-}  // namespace
-
 std::string JsonString(const std::wstring& text) {
   const std::string utf8 = Utf8FromWide(text);
   std::string out = "\"";
@@ -161,6 +151,32 @@ Variant SimHost::Read(IBaseData* record, const std::wstring& field) {
   return record->GetData(kKindFieldByName, Variant::Text(field));
 }
 
+std::wstring SimHost::ReadText(IBaseData* record, const std::wstring& field) {
+  Variant value = Read(record, field);
+  value.ChangeTypeToText();
+  return value.text();
+}
+
+int32_t SimHost::ReadI4(IBaseData* record, const std::wstring& field, int32_t fallback) {
+  return ToI4(Read(record, field), fallback);
+}
+
+int32_t SimHost::ToI4(const Variant& value, int32_t fallback) {
+  if (value.type() == VarType::I4) return value.i4();
+  if (value.type() == VarType::I8) return static_cast<int32_t>(value.i8());
+  if (value.type() == VarType::BStr) return WToL(value.text());
+  return fallback;
+}
+
+IBaseData* SimHost::FromCookie(const Variant* data) {
+  if (data == nullptr || data->type() != VarType::I4 || data->i4() == 0) return nullptr;
+  IBaseData* object = nullptr;
+  if (TsmGetGlobalInterfaceTable()->GetInterfaceFromGlobal(static_cast<uint32_t>(data->i4()), &object) != kS_OK) {
+    return nullptr;
+  }
+  return object;
+}
+
 uint32_t SimHost::Publish(IBaseData* record) {
   std::lock_guard<std::mutex> guard(lock_);
   auto it = published_.find(record);
@@ -229,10 +245,7 @@ std::string SimHost::DescribeData(const std::wstring& topic, int32_t p1, int32_t
       return "null";
     case VarType::I4: {
       // Records travel as cookies: name them by level key, topic or name.
-      IBaseData* object = nullptr;
-      if (data->i4() != 0 &&
-          TsmGetGlobalInterfaceTable()->GetInterfaceFromGlobal(static_cast<uint32_t>(data->i4()), &object) == kS_OK &&
-          object != nullptr) {
+      if (IBaseData* object = FromCookie(data)) {
         std::wstring name = ReadText(object, L"LevelKey");
         if (name.empty()) {
           Variant own = object->GetData(kKindName, Variant());

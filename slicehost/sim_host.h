@@ -64,6 +64,14 @@ class SimHost final : public INordaManagerEvents {
   static IBaseData* NewRecord(const std::wstring& name, const FieldList& fields = {});
   static void Write(IBaseData* record, const FieldList& fields);
   static Variant Read(IBaseData* record, const std::wstring& field);
+  // A field as text (empty when absent).
+  static std::wstring ReadText(IBaseData* record, const std::wstring& field);
+  // A number field (a text one by its digits), else `fallback`.
+  static int32_t ReadI4(IBaseData* record, const std::wstring& field, int32_t fallback);
+  // The conversion ReadI4 makes, for a value in hand.
+  static int32_t ToI4(const Variant& value, int32_t fallback);
+  // The record behind a VT_I4 cookie, with a new reference; null otherwise.
+  static IBaseData* FromCookie(const Variant* data);
   uint32_t Publish(IBaseData* record);
 
   // The host's record of a topic, made on first use (the host keeps it).
