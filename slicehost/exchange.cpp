@@ -231,6 +231,18 @@ uint32_t SimExchange::AddToOrderSet(IBaseData* record, int32_t* index) {
   return host_.Publish(record);
 }
 
+uint32_t SimExchange::PlaceInOrderSet(IBaseData* record, INordaManager* manager, bool lock_set, int32_t* index) {
+  const bool announce = lock_set && manager != nullptr;
+  auto send = [manager](const wchar_t* topic) {
+    Variant none;
+    manager->SetTopic(topic, 0, 0, L"", &none);
+  };
+  if (announce) send(L"ORDERSET.LOCK");
+  const uint32_t cookie = AddToOrderSet(record, index);
+  if (announce) send(L"ORDERSET.UNLOCK");
+  return cookie;
+}
+
 void SimExchange::PostTopic(const std::wstring& topic, int32_t param2, const std::wstring& text, Variant data,
                             int64_t delay_ms) {
   loop_.Post(delay_ms, [this, topic, param2, text, data]() mutable {
@@ -291,15 +303,8 @@ std::wstring SimExchange::SubmitParent(const FieldList& fields, int64_t delay_ms
       manager = manager_;
     }
     int32_t index = -1;
-    if (in_order_set && lock_set && manager != nullptr) {
-      Variant none;
-      manager->SetTopic(L"ORDERSET.LOCK", 0, 0, L"", &none);
-    }
-    const uint32_t cookie = in_order_set ? AddToOrderSet(record.get(), &index) : host_.Publish(record.get());
-    if (in_order_set && lock_set && manager != nullptr) {
-      Variant none;
-      manager->SetTopic(L"ORDERSET.UNLOCK", 0, 0, L"", &none);
-    }
+    const uint32_t cookie =
+        in_order_set ? PlaceInOrderSet(record.get(), manager, lock_set, &index) : host_.Publish(record.get());
     {
       std::lock_guard<std::mutex> guard(lock_);
       auto it = orders_.find(level_key);
@@ -628,16 +633,8 @@ void SimExchange::Deliver(const std::wstring& level_key) {
     lock_set = lock_order_set_on_add_;
     ack_delay = it->second->behaviour.ack_delay_ms;
   }
-  if (lock_set && manager != nullptr) {
-    Variant none;
-    manager->SetTopic(L"ORDERSET.LOCK", 0, 0, L"", &none);
-  }
   int32_t index = -1;
-  const uint32_t cookie = AddToOrderSet(record.get(), &index);
-  if (lock_set && manager != nullptr) {
-    Variant none;
-    manager->SetTopic(L"ORDERSET.UNLOCK", 0, 0, L"", &none);
-  }
+  const uint32_t cookie = PlaceInOrderSet(record.get(), manager, lock_set, &index);
   {
     std::lock_guard<std::mutex> guard(lock_);
     auto it = orders_.find(level_key);

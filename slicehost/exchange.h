@@ -241,6 +241,9 @@ class SimExchange {
   void PostTopic(const std::wstring& topic, int32_t param2, const std::wstring& text, Variant data,
                  int64_t delay_ms);
   uint32_t AddToOrderSet(IBaseData* record, int32_t* index);  // returns the cookie
+  // AddToOrderSet between "ORDERSET.LOCK" and "ORDERSET.UNLOCK" sent to
+  // `manager` when `lock_set` (and there is a manager); run on the loop.
+  uint32_t PlaceInOrderSet(IBaseData* record, INordaManager* manager, bool lock_set, int32_t* index);
 
   // What the installed `on_send` handler reaches the exchange through.
   struct Gate {
