@@ -385,9 +385,9 @@ void SimExchange::OnSend(const std::wstring& topic, int32_t /*param1*/, int32_t 
   } else if (topic == L"TRADE.FAILORDER") {
     OnFailOrder(text);
   } else if (topic == L"TRADE.CANCELORDER") {
-    OnCancelOrder(text);
+    OnEndRequest(text, EndRequest::kCancel);
   } else if (topic == L"TRADE.REPLACEORDER") {
-    OnReplaceOrder(text);
+    OnEndRequest(text, EndRequest::kReplace);
   } else if (topic == L"TRADE.HOT.MONTH") {
     OnFinalPortion(text, data);
   } else if (topic == L"TRADE.TRANSFER.POSITION") {
@@ -481,30 +481,8 @@ void SimExchange::OnFailOrder(const std::wstring& command) {
   Record("ExchangeFail", L"", -1, L"SliceID=" + slice_id + L",Qty=" + CommandValue(command, L"QTY"));
 }
 
-void SimExchange::OnCancelOrder(const std::wstring& text) {
-  const std::wstring level_key = CommandValue(text, L"REPORTID");
-  int64_t delay = 0;
-  int32_t exec_type = 0;
-  {
-    std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it == orders_.end()) {
-      delay = -1;
-    } else {
-      Entry* order = it->second;
-      ++AccountFor(order->view.slice_id).cancel_requests;
-      delay = order->behaviour.cancel_delay_ms;
-      exec_type = codes_.cancelled;
-    }
-  }
-  if (delay < 0) {
-    Record("ExchangeIgnored", level_key, -1, L"Reason=cancel of an unknown order," + text);
-    return;
-  }
-  loop_.Post(delay, [this, level_key, exec_type] { EndWith(level_key, exec_type, "ExchangeCancel"); });
-}
-
-void SimExchange::OnReplaceOrder(const std::wstring& text) {
+void SimExchange::OnEndRequest(const std::wstring& text, EndRequest request) {
+  const bool cancel = request == EndRequest::kCancel;
   const std::wstring level_key = CommandValue(text, L"REPORTID");
   int64_t delay = -1;
   int32_t exec_type = 0;
@@ -513,16 +491,19 @@ void SimExchange::OnReplaceOrder(const std::wstring& text) {
     auto it = orders_.find(level_key);
     if (it != orders_.end()) {
       Entry* order = it->second;
-      ++AccountFor(order->view.slice_id).replace_requests;
-      delay = order->behaviour.replace_delay_ms;
-      exec_type = order->behaviour.replace_exec_type;
+      ParentAccount& account = AccountFor(order->view.slice_id);
+      ++(cancel ? account.cancel_requests : account.replace_requests);
+      delay = cancel ? order->behaviour.cancel_delay_ms : order->behaviour.replace_delay_ms;
+      exec_type = cancel ? codes_.cancelled : order->behaviour.replace_exec_type;
     }
   }
   if (delay < 0) {
-    Record("ExchangeIgnored", level_key, -1, L"Reason=replace of an unknown order," + text);
+    Record("ExchangeIgnored", level_key, -1,
+           std::wstring(L"Reason=") + (cancel ? L"cancel" : L"replace") + L" of an unknown order," + text);
     return;
   }
-  loop_.Post(delay, [this, level_key, exec_type] { EndWith(level_key, exec_type, "ExchangeReplace"); });
+  const char* ev = cancel ? "ExchangeCancel" : "ExchangeReplace";
+  loop_.Post(delay, [this, level_key, exec_type, ev] { EndWith(level_key, exec_type, ev); });
 }
 
 void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) {

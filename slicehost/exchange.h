@@ -224,8 +224,10 @@ class SimExchange {
   ParentAccount& AccountFor(const std::wstring& slice_id);          // under lock_
   void OnNewOrder(const std::wstring& command);
   void OnFailOrder(const std::wstring& command);
-  void OnCancelOrder(const std::wstring& text);
-  void OnReplaceOrder(const std::wstring& text);
+  // "TRADE.CANCELORDER" and "TRADE.REPLACEORDER": both end a working child
+  // after a delay, differing in the delay, the ExecType and the event.
+  enum class EndRequest { kCancel, kReplace };
+  void OnEndRequest(const std::wstring& text, EndRequest request);
   void OnFinalPortion(const std::wstring& text, const Variant* data);
   void OnTransfer(const Variant* data);
   void OnParentCancel(const std::wstring& topic, const std::wstring& text, const Variant* data);
