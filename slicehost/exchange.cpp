@@ -491,8 +491,9 @@ void SimExchange::OnEndRequest(const std::wstring& text, EndRequest request) {
     auto it = orders_.find(level_key);
     if (it != orders_.end()) {
       Entry* order = it->second;
-      ParentAccount& account = AccountFor(order->view.slice_id);
-      ++(cancel ? account.cancel_requests : account.replace_requests);
+      // A request about an order opens its parent's account: a parent entered
+      // without a slice id has none yet.
+      AccountFor(order->view.slice_id);
       delay = cancel ? order->behaviour.cancel_delay_ms : order->behaviour.replace_delay_ms;
       exec_type = cancel ? codes_.cancelled : order->behaviour.replace_exec_type;
     }
@@ -585,14 +586,11 @@ void SimExchange::OnTransfer(const Variant* data) {
 void SimExchange::OnParentCancel(const std::wstring& topic, const std::wstring& text, const Variant* data) {
   std::wstring level_key = CommandValue(text, L"LevelKey");
   {
+    // As for a child's request, an order not yet known by a slice id opens
+    // an account (a parent listed by slice id has one already).
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = parent_slice_.find(level_key);
-    if (it != parent_slice_.end()) {
-      ++AccountFor(it->second).parent_cancel_requests;
-    } else {
-      auto order = orders_.find(level_key);
-      if (order != orders_.end()) ++AccountFor(order->second->view.slice_id).parent_cancel_requests;
-    }
+    auto order = orders_.find(level_key);
+    if (parent_slice_.count(level_key) == 0 && order != orders_.end()) AccountFor(order->second->view.slice_id);
   }
   const bool with_record = data != nullptr && data->type() == VarType::I4;
   Record("ExchangeParentCancel", level_key, -1, L"Topic=" + topic + (with_record ? L",Record=1" : L",Record=0"));

@@ -27,9 +27,10 @@
 // - "TRADE.HOT.MONTH" sent by the manager is a parent's final portion going
 //   to market: the parent record itself is acknowledged and filled the same
 //   way (unless the behaviour says otherwise).
-// - "TRADE.FAILORDER", "TRADE.TRANSFER.POSITION" and the cancel topics
-//   "TRADE.PRICE.TRIGGER.CANCEL", "TRADE.CHASE.PRICE.CANCEL",
-//   "TRADE.SPREAD.MANAGER.CANCEL" are recorded in the parent's account.
+// - "TRADE.FAILORDER" and "TRADE.TRANSFER.POSITION" are recorded in the
+//   parent's account; the cancel topics "TRADE.PRICE.TRIGGER.CANCEL",
+//   "TRADE.CHASE.PRICE.CANCEL", "TRADE.SPREAD.MANAGER.CANCEL" only in the
+//   transcript.
 //
 // Every exchange action is also recorded in the host's transcript as a
 // simulator event ("ExchangeNew", "ExchangeAck", "ExchangeFill",
@@ -113,9 +114,6 @@ struct ParentAccount {
   int32_t children_replaced = 0;       // ended by a replace request
   int32_t children_rejected = 0;
   int32_t children_failed = 0;         // "TRADE.FAILORDER" commands
-  int32_t cancel_requests = 0;         // "TRADE.CANCELORDER" for its children
-  int32_t replace_requests = 0;        // "TRADE.REPLACEORDER" for its children
-  int32_t parent_cancel_requests = 0;  // the "...CANCEL" topics for the parent
   int64_t qty_sent = 0;                // sum of the children's QTY
   int64_t qty_filled = 0;              // children's fills plus the final portion's
   bool final_portion = false;          // "TRADE.HOT.MONTH" received from the manager
