@@ -756,7 +756,7 @@ void SimExchange::EndWith(const std::wstring& level_key, int32_t exec_type, cons
   if (!record) {
     // A request that crossed the order's final state is refused, as a market
     // refuses to cancel a filled order.
-    Record("ExchangeIgnored", level_key, exec_type, L"Reason=already final,Request=" + std::wstring(name.begin(), name.end()));
+    Record("ExchangeIgnored", level_key, exec_type, L"Reason=already final,Request=" + WideFromUtf8(name));
     return;
   }
   FieldList fields = {{L"ExecType", Variant::I4(exec_type)}, {L"LeavesQty", Variant::I4(0)}};

@@ -27,8 +27,6 @@ namespace {
 
 using Wall = std::chrono::steady_clock;
 
-std::wstring WideAscii(const std::string& text) { return std::wstring(text.begin(), text.end()); }
-
 // ---- The manager as the host calls it -------------------------------------
 
 // Records every call the host makes into the manager (SetStage, SetTopic) in
@@ -480,7 +478,7 @@ class Play {
   }
 
   void Ignore(const Step& step, const std::wstring& subject, const std::wstring& why) {
-    Note("HostStepIgnored", subject, why + L",Step=" + WideAscii(step.where));
+    Note("HostStepIgnored", subject, why + L",Step=" + WideFromUtf8(step.where));
   }
 
   // A named record for the data of a SetTopic step or an update: an order

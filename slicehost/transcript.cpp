@@ -4,6 +4,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "data/text.h"
+
 namespace tsm::sim {
 
 namespace {
@@ -27,7 +29,7 @@ std::string Data(const HostEvent& event) { return event.data_json.empty() ? "nul
 }  // namespace
 
 std::string TranscriptLine(const HostEvent& e) {
-  std::string line = "{\"t\":" + std::to_string(e.t_ms) + ",\"ev\":" + JsonString(std::wstring(e.ev.begin(), e.ev.end()));
+  std::string line = "{\"t\":" + std::to_string(e.t_ms) + ",\"ev\":" + JsonString(WideFromUtf8(e.ev));
   if (e.ev == "SetStage") {
     line += ",\"kind\":" + std::to_string(e.p1) + ",\"stage\":" + std::to_string(e.p2);
   } else if (e.ev == "SetTopic" || e.ev == "SendTopic") {
