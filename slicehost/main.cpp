@@ -52,6 +52,7 @@ const char kUsage[] =
 
 struct Options {
   std::string command;
+  bool help = false;
   std::string scenario_path;
   std::string transcript;
   std::string report;
@@ -82,7 +83,10 @@ bool ParseCount(const std::string& text, int low, int high, int* out) {
 std::string ParseArgs(int argc, char** argv, Options* o) {
   if (argc < 2) return "no command given";
   o->command = argv[1];
-  if (o->command == "help" || o->command == "--help" || o->command == "-h") return {};
+  if (o->command == "help" || o->command == "--help" || o->command == "-h") {
+    o->help = true;
+    return {};
+  }
   if (o->command != "demo" && o->command != "run" && o->command != "bench") {
     return "unknown command \"" + o->command + "\"";
   }
@@ -143,6 +147,36 @@ int Bench(const Options& o) {
   return kOk;
 }
 
+// Prints the timeline as the events come and counts the lines it leaves
+// out on the way, so that each event is formatted once.
+class Timeline {
+ public:
+  explicit Timeline(bool verbose) : verbose_(verbose) {}
+
+  void Print(const HostEvent& e) {
+    ++seen_;
+    const std::string line = TimelineLine(e, verbose_);
+    if (line.empty()) {
+      ++hidden_;
+    } else {
+      std::printf("%s\n", line.c_str());
+    }
+  }
+
+  // The lines left out of the run's `events`. On the wall clock a few may
+  // have been recorded after the last one printed; those are formatted here.
+  size_t Hidden(const std::vector<HostEvent>& events) const {
+    size_t hidden = hidden_;
+    for (size_t i = seen_; i < events.size(); ++i) hidden += TimelineLine(events[i], verbose_).empty() ? 1 : 0;
+    return hidden;
+  }
+
+ private:
+  const bool verbose_;
+  size_t seen_ = 0;
+  size_t hidden_ = 0;
+};
+
 int Play(const Options& o) {
   Scenario scenario;
   {
@@ -171,13 +205,11 @@ int Play(const Options& o) {
 
   RunOptions options;
   options.real_time = o.real_time;
+  Timeline timeline(o.verbose);
   if (!o.quiet) {
     std::printf("%s\n\n", scenario.description.empty() ? scenario.name.c_str() : scenario.description.c_str());
     std::printf("time        dir event                         detail  (-> host to manager, <- manager to host)\n");
-    options.on_event = [&o](const HostEvent& e) {
-      const std::string line = TimelineLine(e, o.verbose);
-      if (!line.empty()) std::printf("%s\n", line.c_str());
-    };
+    options.on_event = [&timeline](const HostEvent& e) { timeline.Print(e); };
   }
   const RunResult result = RunScenario(scenario, options);
   std::fflush(stdout);
@@ -197,8 +229,7 @@ int Play(const Options& o) {
     status = kBadInput;
   }
   if (!o.quiet) {
-    size_t hidden = 0;
-    for (const HostEvent& e : result.events) hidden += TimelineLine(e, o.verbose).empty() ? 1 : 0;
+    const size_t hidden = timeline.Hidden(result.events);
     if (hidden > 0) {
       std::printf("(%zu log lines, fetches and security-information requests not shown; --verbose shows them)\n",
                   hidden);
@@ -225,7 +256,7 @@ int main(int argc, char** argv) {
     Options o;
     const std::string problem = ParseArgs(argc, argv, &o);
     if (!problem.empty()) return Usage(problem);
-    if (o.command == "help" || o.command == "--help" || o.command == "-h") {
+    if (o.help) {
       std::printf("%s", kUsage);
       return kOk;
     }
