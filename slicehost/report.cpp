@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <vector>
 
 #include "data/text.h"
 #include "slicehost/transcript.h"
@@ -54,19 +55,11 @@ std::string SummaryTable(const RunResult& result) {
       "<th>Filled</th><th>Cancelled</th><th>Failed</th><th>Final portion</th><th>Done qty</th><th>Start</th>"
       "<th>End</th></tr></thead>\n<tbody>\n";
   for (const ParentReport& p : result.parents) {
-    const ParentAccount& a = p.account;
-    const ChildCounts counts = CountChildren(p);
-    const std::string final_portion =
-        a.transferred ? "transfer" : a.final_portion ? std::to_string(a.final_portion_qty) : "-";
-    out += "<tr><td><a href=\"#parent-" + Html(p.info.level_key) + "\">" + Html(p.info.level_key) + "</a></td><td>" +
-           Html(p.info.slice_id) + "</td><td>" +
-           Html(p.info.sliced_type != 0 ? SliceKindName(p.info.sliced_type) : std::string("-")) + "</td><td>" +
-           std::to_string(p.info.qty) + "</td><td>" + std::to_string(a.children_sent) + "</td><td>" +
-           std::to_string(counts.filled) + "</td><td>" + std::to_string(counts.cancelled) + "</td><td>" +
-           std::to_string(counts.failed) + "</td><td>" + final_portion + "</td><td>" +
-           std::to_string(a.qty_filled) + "</td><td>" +
-           FormatSimTime(a.start_ms >= 0 ? a.start_ms : p.info.submit_ms) + "</td><td>" + FormatSimTime(p.end_ms) +
-           "</td></tr>\n";
+    const std::vector<std::string> cells = SummaryCells(p);
+    // The parent's cell links to its chart.
+    out += "<tr><td><a href=\"#parent-" + Html(cells[0]) + "\">" + Html(cells[0]) + "</a></td>";
+    for (size_t i = 1; i < cells.size(); ++i) out += "<td>" + Html(cells[i]) + "</td>";
+    out += "</tr>\n";
   }
   return out + "</tbody>\n</table>\n";
 }

@@ -835,6 +835,23 @@ std::string TimelineLine(const HostEvent& e, bool verbose) {
   return line("  ", what + " " + topic, text);
 }
 
+std::vector<std::string> SummaryCells(const ParentReport& p) {
+  const ParentAccount& a = p.account;
+  const ChildCounts counts = CountChildren(p);
+  return {Utf8FromWide(p.info.level_key),
+          Utf8FromWide(p.info.slice_id),
+          p.info.sliced_type != 0 ? SliceKindName(p.info.sliced_type) : "-",
+          std::to_string(p.info.qty),
+          std::to_string(a.children_sent),
+          std::to_string(counts.filled),
+          std::to_string(counts.cancelled),
+          std::to_string(counts.failed),
+          a.transferred ? "transfer" : a.final_portion ? std::to_string(a.final_portion_qty) : "-",
+          std::to_string(a.qty_filled),
+          FormatSimTime(a.start_ms >= 0 ? a.start_ms : p.info.submit_ms),
+          FormatSimTime(p.end_ms)};
+}
+
 std::string SummaryText(const RunResult& result) {
   std::string out = "Summary of \"" + result.name + "\" (" + FormatSimTime(result.duration_ms) + " simulated, " +
                     std::to_string(static_cast<int64_t>(result.wall_seconds * 1000)) + " ms real)\n";
@@ -844,21 +861,7 @@ std::string SummaryText(const RunResult& result) {
   for (const auto& [name, width] : columns) out += Pad(name, width) + " ";
   out += "\n";
   for (const ParentReport& p : result.parents) {
-    const ParentAccount& a = p.account;
-    const ChildCounts counts = CountChildren(p);
-    const std::vector<std::string> cells = {
-        Utf8FromWide(p.info.level_key),
-        Utf8FromWide(p.info.slice_id),
-        p.info.sliced_type != 0 ? SliceKindName(p.info.sliced_type) : "-",
-        std::to_string(p.info.qty),
-        std::to_string(a.children_sent),
-        std::to_string(counts.filled),
-        std::to_string(counts.cancelled),
-        std::to_string(counts.failed),
-        a.transferred ? "transfer" : a.final_portion ? std::to_string(a.final_portion_qty) : "-",
-        std::to_string(a.qty_filled),
-        FormatSimTime(a.start_ms >= 0 ? a.start_ms : p.info.submit_ms),
-        FormatSimTime(p.end_ms)};
+    const std::vector<std::string> cells = SummaryCells(p);
     for (size_t i = 0; i < cells.size(); ++i) out += Pad(cells[i], columns[i].second) + " ";
     out += "\n";
   }

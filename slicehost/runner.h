@@ -112,6 +112,11 @@ std::string FormatSimTime(int64_t ms);
 // One readable timeline line for an event; empty for the events only
 // `verbose` shows (log lines, topic fetches, security-information requests).
 std::string TimelineLine(const HostEvent& event, bool verbose);
+// The cells of one parent's row of the summary, in the order of its
+// columns: parent, slice, kind, qty, sent, filled, cancelled, failed, final
+// portion, done qty, start, end. The text summary and the HTML report both
+// show these.
+std::vector<std::string> SummaryCells(const ParentReport& parent);
 // The per-parent summary table.
 std::string SummaryText(const RunResult& result);
 // Kind of a parent by its "SlicedType": "iceberg", "timed", "volume",
