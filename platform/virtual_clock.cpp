@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/civil_date.h"
 #include "platform/time_of_day.h"
 
 namespace tsm {
@@ -191,14 +192,8 @@ int64_t VirtualClock::FromLocal(std::tm* in) {
     std::lock_guard<std::mutex> guard(lock_);
     offset = local_offset_s_;
   }
-  // timegm without the C library's time zone: days from civil date.
-  const int64_t y = in->tm_year + 1900 - (in->tm_mon < 2 ? 1 : 0);
-  const int64_t m = (in->tm_mon + 10) % 12;  // March = 0
-  const int64_t era = (y >= 0 ? y : y - 399) / 400;
-  const int64_t yoe = y - era * 400;
-  const int64_t doy = (153 * m + 2) / 5 + in->tm_mday - 1;
-  const int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  const int64_t days = era * 146097 + doe - 719468;
+  // timegm without the C library's time zone.
+  const int64_t days = platform::DaysFromCivil(in->tm_year + 1900, in->tm_mon + 1, in->tm_mday);
   const int64_t utc = days * 86400 + in->tm_hour * 3600 + in->tm_min * 60 + in->tm_sec;
   return utc - offset;
 }

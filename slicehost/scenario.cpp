@@ -10,6 +10,7 @@
 #include <rapidjson/error/en.h>
 
 #include "data/text.h"
+#include "platform/civil_date.h"
 
 namespace tsm::sim {
 
@@ -481,13 +482,7 @@ std::optional<int64_t> ParseUtcTime(const std::string& text) {
   }
   if (rest != "Z") return std::nullopt;
   if (mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || sec > 59 || ms < 0) return std::nullopt;
-  // Days from the civil date (proleptic Gregorian).
-  const int64_t yy = y - (mo <= 2 ? 1 : 0);
-  const int64_t era = (yy >= 0 ? yy : yy - 399) / 400;
-  const int64_t yoe = yy - era * 400;
-  const int64_t doy = (153 * ((mo + 9) % 12) + 2) / 5 + d - 1;
-  const int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  const int64_t days = era * 146097 + doe - 719468;
+  const int64_t days = platform::DaysFromCivil(y, mo, d);
   return ((days * 86400 + h * 3600 + mi * 60 + sec) * 1000) + ms;
 }
 
