@@ -88,20 +88,6 @@ class CancelFlowTest : public ManagerTest {
     Write(child, {{L"ExecType", Variant::I4(0)}, {L"OrderID", Variant::Text(order_id)}});
   }
 
-  std::vector<std::wstring> NewOrders() const {
-    std::vector<std::wstring> texts;
-    for (const auto& e : host_.Sent(L"TRADE.NEWORDER")) texts.push_back(e.text);
-    return texts;
-  }
-  // Every request sent, as "TOPIC p1,p2 text", leaving out security queries.
-  std::vector<std::wstring> Requests() const {
-    std::vector<std::wstring> out;
-    for (const auto& e : host_.Events()) {
-      if (e.ev != "SendTopic" || e.topic == L"MARZIPAN.REQUEST") continue;
-      out.push_back(e.topic + L" " + std::to_wstring(e.p1) + L"," + std::to_wstring(e.p2) + L" " + e.text);
-    }
-    return out;
-  }
   static int32_t ReadLong(IBaseData* record, const std::wstring& field) {
     const Variant value = sim::SimHost::Read(record, field);
     return value.type() == VarType::I4 ? value.i4() : -1;
@@ -109,7 +95,7 @@ class CancelFlowTest : public ManagerTest {
   bool WaitForRequest(const std::wstring& request) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPollDeadlineMs);
     for (;;) {
-      for (const auto& r : Requests()) {
+      for (const auto& r : RequestsBesideSecurityQueries()) {
         if (r == request) return true;
       }
       if (std::chrono::steady_clock::now() > deadline) return false;
@@ -169,9 +155,9 @@ TEST_F(CancelFlowTest, CancelAllOfParentWithTwoLiveChildrenSendsParentRequestThe
 
   host_.ClearEvents();
   Topic(L"TRADE.SLICE.MANAGER.CANCEL", 1, 2, L"P2", Variant::I4(static_cast<int32_t>(host_.Publish(parent))));
-  EXPECT_EQ(Requests(), (std::vector<std::wstring>{L"TRADE.PRICE.TRIGGER.CANCEL 1,1 LevelKey=P2",
-                                                   L"TRADE.CANCELORDER 1,1 REPORTID=C1",
-                                                   L"TRADE.CANCELORDER 1,1 REPORTID=C2"}));
+  EXPECT_EQ(RequestsBesideSecurityQueries(),
+            (std::vector<std::wstring>{L"TRADE.PRICE.TRIGGER.CANCEL 1,1 LevelKey=P2", L"TRADE.CANCELORDER 1,1 REPORTID=C1",
+                                       L"TRADE.CANCELORDER 1,1 REPORTID=C2"}));
   EXPECT_TRUE(Logged(L"CancelOrderList :C1,C2"));
 
   // C2's own step finds nothing to work on, and the children's final updates
@@ -197,8 +183,8 @@ TEST_F(CancelFlowTest, CancelledSlicesQueuedChildGoesOutAsFailedOrder) {
 
   host_.ClearEvents();
   Topic(L"TRADE.SLICE.MANAGER.CANCEL", 1, 2, L"P3", Variant::I4(static_cast<int32_t>(host_.Publish(parent))));
-  EXPECT_EQ(Requests(), (std::vector<std::wstring>{L"TRADE.PRICE.TRIGGER.CANCEL 1,1 LevelKey=P3",
-                                                   L"TRADE.CANCELORDER 1,1 REPORTID=C1"}));
+  EXPECT_EQ(RequestsBesideSecurityQueries(),
+            (std::vector<std::wstring>{L"TRADE.PRICE.TRIGGER.CANCEL 1,1 LevelKey=P3", L"TRADE.CANCELORDER 1,1 REPORTID=C1"}));
   host_.ClearEvents();
   Advance(100);
   const auto failed = Sent(L"TRADE.FAILORDER");
@@ -230,7 +216,7 @@ TEST_F(CancelFlowTest, SingleCancelOfTimedChildKeepsItsRecordForItsTimerStep) {
   host_.ClearEvents();
   Topic(L"TRADE.SLICE.MANAGER.CANCEL", 1, 1, L"C1", Variant::I4(static_cast<int32_t>(host_.Publish(child))));
   EXPECT_TRUE(Logged(L"CancelSliceOrder:C1, X1, 0, 0, 0"));
-  EXPECT_EQ(Requests(), (std::vector<std::wstring>{L"TRADE.PRICE.TRIGGER.CANCEL 1,1 LevelKey=C1"}));
+  EXPECT_EQ(RequestsBesideSecurityQueries(), (std::vector<std::wstring>{L"TRADE.PRICE.TRIGGER.CANCEL 1,1 LevelKey=C1"}));
   EXPECT_TRUE(peer_.OrderData().Contains(L"C1"));
   EXPECT_TRUE(peer_.CancelledOrders().Contains(L"C1"));
 

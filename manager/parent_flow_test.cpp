@@ -139,20 +139,6 @@ class ParentFlowTest : public ManagerTest {
           {{L"ExecType", I4(leaves_qty == 0 ? 3 : 1)}, {L"CumQty", I4(cum_qty)}, {L"LeavesQty", I4(leaves_qty)}});
   }
 
-  std::vector<std::wstring> NewOrders() const {
-    std::vector<std::wstring> texts;
-    for (const auto& e : host_.Sent(L"TRADE.NEWORDER")) texts.push_back(e.text);
-    return texts;
-  }
-  // Every request sent, as "TOPIC p1,p2 text", in order.
-  std::vector<std::wstring> Requests() const {
-    std::vector<std::wstring> out;
-    for (const auto& e : host_.Events()) {
-      if (e.ev != "SendTopic") continue;
-      out.push_back(e.topic + L" " + std::to_wstring(e.p1) + L"," + std::to_wstring(e.p2) + L" " + e.text);
-    }
-    return out;
-  }
   static std::wstring NewOrder(const std::wstring& command) { return L"TRADE.NEWORDER 1,2 " + command; }
 
   static int32_t ReadLong(IBaseData* record, const std::wstring& field) {

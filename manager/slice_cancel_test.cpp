@@ -93,15 +93,6 @@ class SliceCancelTest : public ManagerTest {
     Cancel(Request(fields), level_key, 2);
   }
 
-  // Every request sent, as "TOPIC p1,p2 text".
-  std::vector<std::wstring> Requests() const {
-    std::vector<std::wstring> out;
-    for (const auto& e : host_.Events()) {
-      if (e.ev != "SendTopic") continue;
-      out.push_back(e.topic + L" " + std::to_wstring(e.p1) + L"," + std::to_wstring(e.p2) + L" " + e.text);
-    }
-    return out;
-  }
   static int32_t ReadLong(IBaseData* record, const std::wstring& field) {
     const Variant value = sim::SimHost::Read(record, field);
     return value.type() == VarType::I4 ? value.i4() : -1;

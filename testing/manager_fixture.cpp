@@ -62,4 +62,27 @@ bool ManagerTest::Logged(const std::wstring& line) const {
   return std::find(logs.begin(), logs.end(), L"<CTradeSliceManager>" + line) != logs.end();
 }
 
+std::vector<std::wstring> ManagerTest::NewOrders() const {
+  std::vector<std::wstring> texts;
+  for (const auto& e : host_.Sent(L"TRADE.NEWORDER")) texts.push_back(e.text);
+  return texts;
+}
+
+namespace {
+std::vector<std::wstring> DescribeRequests(const std::vector<sim::HostEvent>& events, bool skip_security_queries) {
+  std::vector<std::wstring> out;
+  for (const auto& e : events) {
+    if (e.ev != "SendTopic" || (skip_security_queries && e.topic == L"MARZIPAN.REQUEST")) continue;
+    out.push_back(e.topic + L" " + std::to_wstring(e.p1) + L"," + std::to_wstring(e.p2) + L" " + e.text);
+  }
+  return out;
+}
+}  // namespace
+
+std::vector<std::wstring> ManagerTest::Requests() const { return DescribeRequests(host_.Events(), false); }
+
+std::vector<std::wstring> ManagerTest::RequestsBesideSecurityQueries() const {
+  return DescribeRequests(host_.Events(), true);
+}
+
 }  // namespace tsm

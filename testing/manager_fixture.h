@@ -101,6 +101,12 @@ class ManagerTest : public ::testing::Test {
   std::vector<std::wstring> Logs() const;
   bool Logged(const std::wstring& line) const;
   std::vector<sim::HostEvent> Sent(const std::wstring& topic) const { return host_.Sent(topic); }
+  // The text of every "TRADE.NEWORDER" sent, in order.
+  std::vector<std::wstring> NewOrders() const;
+  // Every request sent, as "TOPIC p1,p2 text", in order.
+  std::vector<std::wstring> Requests() const;
+  // The same, leaving out the security queries ("MARZIPAN.REQUEST").
+  std::vector<std::wstring> RequestsBesideSecurityQueries() const;
   static std::wstring Log(const std::wstring& text) { return L"<CTradeSliceManager>" + text; }
   static int32_t DefaultRand() { return 0; }
 
