@@ -55,17 +55,7 @@ class RecordingManager final : public INordaManager {
 
   HResult SetTopic(const std::wstring& topic, int32_t param1, int32_t param2, const std::wstring& text,
                    Variant* data) override {
-    if (host_.KeepsEvents()) {
-      HostEvent e;
-      e.ev = "SetTopic";
-      e.topic = topic;
-      e.p1 = param1;
-      e.p2 = param2;
-      e.text = text;
-      e.data_json = host_.DescribeData(topic, param1, param2, data);
-      if (data != nullptr) e.data = *data;
-      host_.RecordCall(std::move(e));
-    }
+    host_.RecordTopicCall("SetTopic", topic, param1, param2, text, data);
     const auto start = Wall::now();
     const HResult hr = inner_->SetTopic(topic, param1, param2, text, data);
     inside_ns_ += std::chrono::duration_cast<std::chrono::nanoseconds>(Wall::now() - start).count();

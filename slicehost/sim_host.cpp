@@ -60,6 +60,20 @@ void SimHost::Record(HostEvent event) {
 
 void SimHost::RecordCall(HostEvent event) { Record(std::move(event)); }
 
+void SimHost::RecordTopicCall(const char* ev, const std::wstring& topic, int32_t p1, int32_t p2,
+                              const std::wstring& text, const Variant* data) {
+  if (!KeepsEvents()) return;
+  HostEvent e;
+  e.ev = ev;
+  e.topic = topic;
+  e.p1 = p1;
+  e.p2 = p2;
+  e.text = text;
+  e.data_json = DescribeData(topic, p1, p2, data);
+  if (data != nullptr) e.data = *data;
+  Record(std::move(e));
+}
+
 void SimHost::SetKeepEvents(bool keep) { keep_events_.store(keep, std::memory_order_relaxed); }
 
 HResult SimHost::RegisterTopic(const std::wstring& topic, Variant* result) {
@@ -88,17 +102,7 @@ HResult SimHost::GetTopicData(const std::wstring& topic, Variant* result) {
 
 HResult SimHost::SendTopic(const std::wstring& topic, int32_t param1, int32_t param2, const std::wstring& text,
                            Variant* data, Variant* result) {
-  if (KeepsEvents()) {
-    HostEvent e;
-    e.ev = "SendTopic";
-    e.topic = topic;
-    e.p1 = param1;
-    e.p2 = param2;
-    e.text = text;
-    e.data_json = DescribeData(topic, param1, param2, data);
-    if (data != nullptr) e.data = *data;
-    Record(std::move(e));
-  }
+  RecordTopicCall("SendTopic", topic, param1, param2, text, data);
 
   if (topic == L"MARZIPAN.REQUEST" && data != nullptr) {
     if (text == L"STKINFO" && data->type() == VarType::BStr) {

@@ -91,6 +91,10 @@ class SimHost final : public INordaManagerEvents {
 
   // Calls of the manager, recorded too.
   void RecordCall(HostEvent event);
+  // Records a SetTopic or SendTopic call (`ev`) with its data described;
+  // builds nothing when no events are kept.
+  void RecordTopicCall(const char* ev, const std::wstring& topic, int32_t p1, int32_t p2, const std::wstring& text,
+                       const Variant* data);
 
   // When off, no event is kept (Events() and the queries below stay empty)
   // and callers may skip building them; the answers and `on_send` work as
