@@ -32,23 +32,26 @@ HResult CProxy_INordaManagerEvents::UnadviseSink(uint32_t cookie) {
   return kS_OK;
 }
 
-INordaManagerEvents* CProxy_INordaManagerEvents::SinkAt(std::size_t index) {
+INordaManagerEvents* CProxy_INordaManagerEvents::SinkAt(std::size_t index, bool* last) {
   ScopedLock<CCriticalSection> guard(m_csObject);
   if (index >= connections_.size()) return nullptr;
   INordaManagerEvents* sink = connections_[index].sink;
   sink->AddRef();
+  *last = index + 1 == connections_.size();
   return sink;
 }
 
 namespace {
 // Calls `raise` on every advised sink, outside the lock; the result of the
-// last one called wins.
+// last one called wins. The list is looked at once per sink, so a raise with
+// one sink takes the lock once.
 template <typename Raise>
-HResult RaiseToAll(CProxy_INordaManagerEvents* proxy, INordaManagerEvents* (CProxy_INordaManagerEvents::*sink_at)(std::size_t),
-                   Raise raise) {
+HResult RaiseToAll(CProxy_INordaManagerEvents* proxy,
+                   INordaManagerEvents* (CProxy_INordaManagerEvents::*sink_at)(std::size_t, bool*), Raise raise) {
   HResult result = kS_OK;
-  for (std::size_t i = 0;; ++i) {
-    INordaManagerEvents* sink = (proxy->*sink_at)(i);
+  bool last = false;
+  for (std::size_t i = 0; !last; ++i) {
+    INordaManagerEvents* sink = (proxy->*sink_at)(i, &last);
     if (sink == nullptr) break;
     result = raise(sink);
     sink->Release();

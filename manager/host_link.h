@@ -41,8 +41,8 @@ class CProxy_INordaManagerEvents {
     INordaManagerEvents* sink;  // owned reference
   };
   // Hands out the sink at `index` with a reference the caller releases, or
-  // null past the end.
-  INordaManagerEvents* SinkAt(std::size_t index);
+  // null past the end; `last` tells whether it is the last one advised.
+  INordaManagerEvents* SinkAt(std::size_t index, bool* last);
 
   CCriticalSection m_csObject;  // guards connections_ and next_cookie_
   std::vector<Connection> connections_;
