@@ -39,15 +39,9 @@ SimHost::~SimHost() {
   for (auto& [name, object] : topics_) object->Release();
 }
 
-uint32_t SimHost::AddRef() {
-  std::lock_guard<std::mutex> guard(lock_);
-  return ++refs_;
-}
+uint32_t SimHost::AddRef() { return refs_.fetch_add(1, std::memory_order_relaxed) + 1; }
 
-uint32_t SimHost::Release() {
-  std::lock_guard<std::mutex> guard(lock_);
-  return --refs_;
-}
+uint32_t SimHost::Release() { return refs_.fetch_sub(1, std::memory_order_acq_rel) - 1; }
 
 int64_t SimHost::ElapsedMs() const { return clock_.NowMs() - start_ms_; }
 

@@ -126,8 +126,8 @@ class SimHost final : public INordaManagerEvents {
   IClock& clock_;
   const int64_t start_ms_;
   std::atomic<bool> keep_events_{true};
+  std::atomic<uint32_t> refs_{0};
   mutable std::mutex lock_;  // guards everything below
-  uint32_t refs_ = 0;
   std::vector<HostEvent> events_;
   std::map<std::wstring, IBaseData*> topics_;    // owned references
   std::unordered_map<IBaseData*, uint32_t> published_;  // object -> cookie (the table holds the reference)
