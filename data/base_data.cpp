@@ -39,9 +39,14 @@ constexpr std::size_t kJsonStackBytes = 1024;
 
 // The VT_BSTR keys of reads by field name, made once for the process: a
 // read by a name the component spells out then builds no key of its own.
-// Look-ups take no lock (the table is only ever added to, under a mutex, and
-// its size is fixed); when it holds kMaxKeys names, reads by other names make
-// their keys as before.
+// Look-ups take no lock (the tables are only ever added to, under a mutex,
+// and their sizes are fixed); when it holds kMaxKeys names, reads by other
+// names make their keys as before.
+//
+// A name spelt out in the code sits at one address for the life of the
+// process, so each address a name was read from is pinned to its key: a
+// read from that address again only checks that the text there is still the
+// key's text, instead of measuring and hashing it.
 class FieldKeys {
  public:
   // Kept reachable for the life of the process: any thread may be reading.
@@ -50,41 +55,78 @@ class FieldKeys {
     return *keys;
   }
 
-  // The key for `name`, or null when it is not kept and there is no room.
-  const Variant* Find(std::wstring_view name) {
-    const std::size_t hash = Fnv1aHash(name);
-    std::size_t i = hash & kMask;
-    for (;; i = (i + 1) & kMask) {
-      const Entry* entry = slots_[i].load(std::memory_order_acquire);
-      if (entry == nullptr) break;
-      if (entry->hash == hash && entry->key.text() == name) return &entry->key;
-    }
+  // The key for the text at `name`, or null when it is not kept and there
+  // is no room.
+  const Variant* Find(const wchar_t* name) {
+    std::atomic<const Pin*>& place = pins_[PinSlot(name)];
+    const Pin* pin = place.load(std::memory_order_acquire);
+    if (pin != nullptr && pin->at == name && Holds(name, pin->entry->key.text())) return &pin->entry->key;
+    const Entry* entry = FindEntry(std::wstring_view(name));
+    if (entry == nullptr) return nullptr;
     std::lock_guard<std::mutex> guard(insert_lock_);
-    // Another thread may have added it, at this slot or after it.
-    for (;; i = (i + 1) & kMask) {
-      const Entry* entry = slots_[i].load(std::memory_order_relaxed);
-      if (entry == nullptr) break;
-      if (entry->hash == hash && entry->key.text() == name) return &entry->key;
+    if (pin_store_.size() < kMaxPins) {
+      pin_store_.push_back(std::make_unique<Pin>(Pin{name, entry}));
+      place.store(pin_store_.back().get(), std::memory_order_release);
     }
-    if (entries_.size() >= kMaxKeys) return nullptr;
-    entries_.push_back(std::make_unique<Entry>(Entry{hash, Variant::Text(std::wstring(name))}));
-    slots_[i].store(entries_.back().get(), std::memory_order_release);
-    return &entries_.back()->key;
+    return &entry->key;
   }
 
  private:
   static constexpr std::size_t kSlots = 1024;  // a power of two
   static constexpr std::size_t kMask = kSlots - 1;
   static constexpr std::size_t kMaxKeys = kSlots / 2;
+  static constexpr std::size_t kPinSlots = 1024;  // a power of two
+  static constexpr std::size_t kMaxPins = 4 * kPinSlots;
 
   struct Entry {
     std::size_t hash;
     Variant key;
   };
+  struct Pin {
+    const wchar_t* at;
+    const Entry* entry;
+  };
+
+  static std::size_t PinSlot(const wchar_t* name) {
+    const uint64_t bits = static_cast<uint64_t>(reinterpret_cast<std::uintptr_t>(name));
+    return static_cast<std::size_t>((bits * 0x9E3779B97F4A7C15ull) >> 54) & (kPinSlots - 1);
+  }
+
+  // Whether the NUL-terminated text at `at` is exactly `text`. Stops at the
+  // first difference, so it never reads past the end of a shorter text.
+  static bool Holds(const wchar_t* at, std::wstring_view text) {
+    for (const wchar_t c : text) {
+      if (*at++ != c) return false;
+    }
+    return *at == L'\0';
+  }
+
+  const Entry* FindEntry(std::wstring_view name) {
+    const std::size_t hash = Fnv1aHash(name);
+    std::size_t i = hash & kMask;
+    for (;; i = (i + 1) & kMask) {
+      const Entry* entry = slots_[i].load(std::memory_order_acquire);
+      if (entry == nullptr) break;
+      if (entry->hash == hash && entry->key.text() == name) return entry;
+    }
+    std::lock_guard<std::mutex> guard(insert_lock_);
+    // Another thread may have added it, at this slot or after it.
+    for (;; i = (i + 1) & kMask) {
+      const Entry* entry = slots_[i].load(std::memory_order_relaxed);
+      if (entry == nullptr) break;
+      if (entry->hash == hash && entry->key.text() == name) return entry;
+    }
+    if (entries_.size() >= kMaxKeys) return nullptr;
+    entries_.push_back(std::make_unique<Entry>(Entry{hash, Variant::Text(std::wstring(name))}));
+    slots_[i].store(entries_.back().get(), std::memory_order_release);
+    return entries_.back().get();
+  }
 
   std::atomic<const Entry*> slots_[kSlots] = {};
-  std::mutex insert_lock_;                       // guards entries_ and every insertion
-  std::vector<std::unique_ptr<Entry>> entries_;  // the keys kept
+  std::atomic<const Pin*> pins_[kPinSlots] = {};
+  std::mutex insert_lock_;                        // guards entries_, pin_store_ and every insertion
+  std::vector<std::unique_ptr<Entry>> entries_;   // the keys kept
+  std::vector<std::unique_ptr<Pin>> pin_store_;   // every pin made; a replaced pin may still be read
 };
 
 }  // namespace
@@ -250,9 +292,9 @@ Variant CBaseData::GetData(int32_t kind, const Variant& argument) {
 Variant CBaseData::GetValue(const CString& field) { return GetData(kKindFieldByName, Variant::Text(field.wstr())); }
 
 Variant CBaseData::GetValue(const wchar_t* field) {
-  const std::wstring_view name = field != nullptr ? std::wstring_view(field) : std::wstring_view();
-  if (const Variant* key = FieldKeys::Instance().Find(name)) return GetData(kKindFieldByName, *key);
-  return GetData(kKindFieldByName, Variant::Text(std::wstring(name)));
+  if (field == nullptr) field = L"";
+  if (const Variant* key = FieldKeys::Instance().Find(field)) return GetData(kKindFieldByName, *key);
+  return GetData(kKindFieldByName, Variant::Text(std::wstring(field)));
 }
 
 CString CBaseData::AsString(Variant value) {

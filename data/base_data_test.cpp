@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <climits>
+#include <cwchar>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -217,6 +218,31 @@ TEST(BaseDataTest, ReadsByManyNamesEachFindTheirOwnField) {
   reused[5] = L'8';
   EXPECT_EQ(record.GetLong(reused, -1), 8);
   EXPECT_EQ(record.GetLong(L"Field", -1), -1);
+}
+
+// A name read once from an address is looked up faster from there the next
+// time; a shorter, longer or different text at that address must still find
+// its own field.
+TEST(BaseDataTest, ReadFromTheSameAddressFollowsTheTextNowThere) {
+  ObjectPtr object = NewObject();
+  CBaseData record;
+  record.Initialize(nullptr, object.get());
+  Write(record, L"Side", Variant::Text(L"B"));
+  Write(record, L"Side1", Variant::Text(L"S"));
+  Write(record, L"Sid", Variant::Text(L"X"));
+  wchar_t name[8] = L"Side";
+  for (int round = 0; round < 2; ++round) {
+    wcscpy(name, L"Side");
+    EXPECT_EQ(record.GetString(name), CString(L"B")) << round;
+    wcscpy(name, L"Side1");
+    EXPECT_EQ(record.GetString(name), CString(L"S")) << round;
+    wcscpy(name, L"Sid");
+    EXPECT_EQ(record.GetString(name), CString(L"X")) << round;
+    wcscpy(name, L"Sidf");
+    EXPECT_EQ(record.GetString(name), CString()) << round;
+    name[0] = L'\0';
+    EXPECT_EQ(record.GetString(name), CString()) << round;
+  }
 }
 
 TEST(BaseDataTest, GetLongTakesI4AndIgnoresOtherTypes) {
