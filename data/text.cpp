@@ -69,7 +69,8 @@ class Output {
   std::wstring spill_;
 };
 
-void AppendPadded(Output& out, std::wstring_view piece, int width, bool left, bool zero) {
+template <typename Out>
+void AppendPadded(Out& out, std::wstring_view piece, int width, bool left, bool zero) {
   const int pad = width - static_cast<int>(piece.size());
   if (pad <= 0) {
     out.Append(piece);
@@ -118,99 +119,167 @@ std::wstring_view WriteHex(wchar_t (&buffer)[kNumberBuffer], uint64_t value, boo
   return std::wstring_view(p, static_cast<std::size_t>(end - p));
 }
 
+// Writes one conversion of `spec` with its argument (null: missing).
+template <typename Out>
+void WriteConversion(Out& out, const FormatSpec& spec, const FormatArg* arg) {
+  wchar_t buffer[kNumberBuffer];
+  std::wstring_view piece;
+  switch (spec.conversion) {
+    case L'%':
+      out.Append(1, L'%');
+      return;
+    case L'd':
+    case L'i':
+      if (arg != nullptr) {
+        if (arg->kind == FormatArg::Kind::kText) {
+          piece = std::wstring_view(arg->text, arg->text_length);
+        } else {
+          piece = WriteSigned(buffer, spec.wide64 ? arg->number : static_cast<int32_t>(arg->number));
+        }
+      }
+      break;
+    case L'u':
+      if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
+        piece = WriteUnsigned(
+            buffer, spec.wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number), false);
+      }
+      break;
+    case L'x':
+    case L'X':
+      if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
+        const uint64_t bits = spec.wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number);
+        piece = WriteHex(buffer, bits, spec.conversion == L'X');
+      }
+      break;
+    case L's':
+    case L'S':
+      if (arg != nullptr) {
+        piece = arg->kind == FormatArg::Kind::kText ? std::wstring_view(arg->text, arg->text_length)
+                                                    : WriteSigned(buffer, arg->number);
+      }
+      break;
+    case L'c':
+      if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
+        buffer[0] = static_cast<wchar_t>(arg->number);
+        piece = std::wstring_view(buffer, 1);
+      }
+      break;
+    default:
+      buffer[0] = spec.conversion;
+      piece = std::wstring_view(buffer, 1);
+      break;
+  }
+  AppendPadded(out, piece, spec.width, spec.left, spec.zero && spec.conversion != L's');
+}
+
+// The text being formatted by a prepared format, written straight into a
+// string sized once to a length the arguments cannot outgrow.
+class ReservedOutput {
+ public:
+  explicit ReservedOutput(std::size_t capacity) : text_(capacity, L'\0'), at_(text_.data()) {}
+  ReservedOutput(const ReservedOutput&) = delete;
+  ReservedOutput& operator=(const ReservedOutput&) = delete;
+
+  void Append(std::wstring_view piece) { at_ = std::copy(piece.begin(), piece.end(), at_); }
+  void Append(std::size_t count, wchar_t c) { at_ = std::fill_n(at_, count, c); }
+  std::wstring Take() {
+    text_.resize(static_cast<std::size_t>(at_ - text_.data()));
+    return std::move(text_);
+  }
+
+ private:
+  std::wstring text_;
+  wchar_t* at_;  // where the next piece goes
+};
+
 }  // namespace
 
 // Sizes follow the Windows (LLP64) C runtime: %d and %ld print 32 bits,
 // %I64d and %lld print 64 bits. Arguments are typed, so a mismatch cannot
 // read past the list; a missing argument prints as nothing.
+const wchar_t* ReadSpec(const wchar_t* p, FormatSpec* spec) {
+  *spec = FormatSpec{};
+  const wchar_t* percent = std::wcschr(p, L'%');
+  if (percent == nullptr) {
+    spec->literal = std::wstring_view(p);
+    return nullptr;
+  }
+  spec->literal = std::wstring_view(p, static_cast<std::size_t>(percent - p));
+  p = percent + 1;
+  if (*p == L'%') {
+    spec->conversion = L'%';
+    return p + 1;
+  }
+  for (; *p == L'-' || *p == L'0' || *p == L'+' || *p == L' ' || *p == L'#'; ++p) {
+    if (*p == L'-') spec->left = true;
+    if (*p == L'0') spec->zero = true;
+  }
+  for (; *p >= L'0' && *p <= L'9'; ++p) spec->width = spec->width * 10 + (*p - L'0');
+  if (p[0] == L'I' && p[1] == L'6' && p[2] == L'4') {
+    spec->wide64 = true;
+    p += 3;
+  } else if (p[0] == L'l' && p[1] == L'l') {
+    spec->wide64 = true;
+    p += 2;
+  } else if (*p == L'l' || *p == L'h') {
+    ++p;
+  }
+  // A conversion cut short by the end of the text ends the output there.
+  if (*p == L'\0') return nullptr;
+  spec->conversion = *p;
+  return p + 1;
+}
+
 std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_t count, std::wstring_view prefix) {
   Output out;
   out.Append(prefix);
   std::size_t next = 0;
-  for (const wchar_t* p = format; *p != L'\0'; ++p) {
-    if (*p != L'%') {
-      // The literal run up to the next specifier (or the end) goes as one piece.
-      const wchar_t* percent = std::wcschr(p, L'%');
-      const std::size_t run = percent != nullptr ? static_cast<std::size_t>(percent - p) : std::wcslen(p);
-      out.Append(std::wstring_view(p, run));
-      p += run - 1;
-      continue;
+  FormatSpec spec;
+  for (const wchar_t* p = format; p != nullptr;) {
+    p = ReadSpec(p, &spec);
+    out.Append(spec.literal);
+    if (spec.conversion == L'\0') continue;
+    const FormatArg* arg = nullptr;
+    if (spec.conversion != L'%') {
+      arg = next < count ? &args[next] : nullptr;
+      ++next;
     }
-    ++p;
-    if (*p == L'%') {
-      out.Append(1, L'%');
-      continue;
+    WriteConversion(out, spec, arg);
+  }
+  return out.Take();
+}
+
+std::wstring FormatPrepared(const FormatSpec* specs, std::size_t spec_count, std::size_t literal_length,
+                            const FormatArg* args, std::size_t count) {
+  std::size_t capacity = literal_length;
+  for (std::size_t i = 0; i < spec_count; ++i) capacity += static_cast<std::size_t>(specs[i].width) + kNumberBuffer;
+  for (std::size_t i = 0; i < count; ++i) capacity += args[i].text_length;
+  ReservedOutput out(capacity);
+  std::size_t next = 0;
+  for (std::size_t i = 0; i < spec_count; ++i) {
+    const FormatSpec& spec = specs[i];
+    out.Append(spec.literal);
+    if (spec.conversion == L'\0') continue;
+    const FormatArg* arg = nullptr;
+    if (spec.conversion != L'%') {
+      arg = next < count ? &args[next] : nullptr;
+      ++next;
     }
-    bool left = false, zero = false;
-    for (; *p == L'-' || *p == L'0' || *p == L'+' || *p == L' ' || *p == L'#'; ++p) {
-      if (*p == L'-') left = true;
-      if (*p == L'0') zero = true;
-    }
-    int width = 0;
-    for (; *p >= L'0' && *p <= L'9'; ++p) width = width * 10 + (*p - L'0');
-    bool wide64 = false;
-    if (p[0] == L'I' && p[1] == L'6' && p[2] == L'4') {
-      wide64 = true;
-      p += 3;
-    } else if (p[0] == L'l' && p[1] == L'l') {
-      wide64 = true;
-      p += 2;
-    } else if (*p == L'l' || *p == L'h') {
-      ++p;
-    }
-    if (*p == L'\0') break;
-    const FormatArg* arg = next < count ? &args[next] : nullptr;
-    ++next;
-    wchar_t buffer[kNumberBuffer];
-    std::wstring_view piece;
-    switch (*p) {
-      case L'd':
-      case L'i':
-        if (arg != nullptr) {
-          if (arg->kind == FormatArg::Kind::kText) {
-            piece = std::wstring_view(arg->text, arg->text_length);
-          } else {
-            piece = WriteSigned(buffer, wide64 ? arg->number : static_cast<int32_t>(arg->number));
-          }
-        }
-        break;
-      case L'u':
-        if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
-          piece = WriteUnsigned(buffer, wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number),
-                                false);
-        }
-        break;
-      case L'x':
-      case L'X':
-        if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
-          const uint64_t bits = wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number);
-          piece = WriteHex(buffer, bits, *p == L'X');
-        }
-        break;
-      case L's':
-      case L'S':
-        if (arg != nullptr) {
-          piece = arg->kind == FormatArg::Kind::kText ? std::wstring_view(arg->text, arg->text_length)
-                                                      : WriteSigned(buffer, arg->number);
-        }
-        break;
-      case L'c':
-        if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
-          buffer[0] = static_cast<wchar_t>(arg->number);
-          piece = std::wstring_view(buffer, 1);
-        }
-        break;
-      default:
-        buffer[0] = *p;
-        piece = std::wstring_view(buffer, 1);
-        break;
-    }
-    AppendPadded(out, piece, width, left, zero && *p != L's');
+    WriteConversion(out, spec, arg);
   }
   return out.Take();
 }
 
 }  // namespace text_internal
+
+PreparedFormat::PreparedFormat(const wchar_t* format) : text_(format != nullptr ? format : L"") {
+  text_internal::FormatSpec spec;
+  for (const wchar_t* p = text_.c_str(); p != nullptr;) {
+    p = text_internal::ReadSpec(p, &spec);
+    literal_length_ += spec.literal.size();
+    specs_.push_back(spec);
+  }
+}
 
 CString CString::FromUtf8(std::string_view utf8) { return CString(WideFromUtf8(utf8)); }
 std::string CString::ToUtf8() const { return Utf8FromWide(s_); }

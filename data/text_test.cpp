@@ -45,6 +45,34 @@ TEST(FormatTest, WidthPaddingAndUnsigned) {
   EXPECT_EQ(CString::Formatted(L"a%d b%d", 1).wstr(), L"a1 b");
 }
 
+TEST(PreparedFormatTest, GivesWhatFormatGivesForTheSameTextAndArguments) {
+  const PreparedFormat numbers(L"%06d|%-4d|%4d|%03d|%ld|%I64d|%lld|%u|%X|%c");
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(numbers(42, 7, -5, -5, int64_t{4294967297LL}, INT64_MIN, int64_t{-1}, -1, 0xABCu, L'Z').wstr(),
+              L"000042|7   |  -5|-05|1|-9223372036854775808|-1|4294967295|ABC|Z");
+  }
+  const PreparedFormat texts(L"<%s>%-6s|%6s|%s|100%%");
+  EXPECT_EQ(texts(CString(L"a"), L"b", std::wstring(L"c"), 12).wstr(), L"<a>b     |     c|12|100%");
+  EXPECT_EQ(texts(CString(), CString(), CString(), CString()).wstr(), L"<>      |      ||100%");
+}
+
+TEST(PreparedFormatTest, MissingArgumentsAndATrailingPercentAsFormatHasThem) {
+  EXPECT_EQ(PreparedFormat(L"a%d b%d")(1).wstr(), L"a1 b");
+  EXPECT_EQ(PreparedFormat(L"a%d b%4d")(1).wstr(), CString::Formatted(L"a%d b%4d", 1).wstr());
+  EXPECT_EQ(PreparedFormat(L"end%")().wstr(), CString::Formatted(L"end%").wstr());
+  EXPECT_EQ(PreparedFormat(L"end%l")().wstr(), L"end");
+  EXPECT_EQ(PreparedFormat(L"")().wstr(), L"");
+  EXPECT_EQ(PreparedFormat(L"%q")(5).wstr(), CString::Formatted(L"%q", 5).wstr());
+}
+
+TEST(PreparedFormatTest, LongTextsAndWideFieldsAllFit) {
+  const std::wstring long_text(5000, L'x');
+  const PreparedFormat format(L"[%s][%300d][%-300s]");
+  const CString result = format(long_text, -7, CString(L"y"));
+  EXPECT_EQ(result, CString::Formatted(L"[%s][%300d][%-300s]", long_text, -7, CString(L"y")));
+  EXPECT_EQ(result.GetLength(), 5000 + 300 + 300 + 6);
+}
+
 TEST(Utf16Test, RoundTripKeepsCharactersOutsideTheBasicPlane) {
   const std::wstring wide = WideFromUtf8("A\xe4\xb8\xad\xf0\x9f\x98\x80");  // A, U+4E2D, U+1F600
   const std::u16string utf16 = Utf16FromWide(wide);
