@@ -85,9 +85,12 @@ CommandFields GatherCommandFields(CBaseData& r) {
 }
 
 CString FormatCommand(CommandTemplate which, const CommandFields& f) {
+  // Read once for the process: every child's command is made from them.
+  static const PreparedFormat template_a(kTemplateA);
+  static const PreparedFormat template_b(kTemplateB);
   if (which == CommandTemplate::kA) {
-    return CString::Formatted(
-        kTemplateA, f.type, f.broker_id, f.account, f.symbol, f.symbol_a, f.symbol_b, f.side, f.side1, f.side2, f.qty,
+    return template_a(
+        f.type, f.broker_id, f.account, f.symbol, f.symbol_a, f.symbol_b, f.side, f.side1, f.side2, f.qty,
         f.price, f.price_string, f.stop_price, f.stop_price_string, f.trailing_field, f.trailing_type,
         f.trailing_amount, f.touch_price, f.touch_price_string, f.touch_field, f.touch_condition, f.order_type,
         f.position_effect, f.time_in_force, f.synthetic, f.group_type, f.group_id, 0, f.chase_price, f.spread,
@@ -95,8 +98,8 @@ CString FormatCommand(CommandTemplate which, const CommandFields& f) {
         f.ext_commands, f.consecutive, f.number_of_retries, f.retry_interval, f.contingent_symbol, f.group_prefix,
         f.ori_level_key, f.spread_id);
   }
-  return CString::Formatted(
-      kTemplateB, f.type, f.broker_id, f.account, f.symbol, f.symbol_a, f.symbol_b, f.side, f.side1, f.side2, f.qty,
+  return template_b(
+      f.type, f.broker_id, f.account, f.symbol, f.symbol_a, f.symbol_b, f.side, f.side1, f.side2, f.qty,
       f.price, f.price_string, f.stop_price, f.stop_price_string, f.trailing_field, f.trailing_type,
       f.trailing_amount, f.touch_price, f.touch_price_string, f.touch_field, f.touch_condition, f.order_type,
       f.position_effect, f.time_in_force, f.synthetic, f.group_type, f.group_id, f.chase_price, f.spread, f.strategy,
