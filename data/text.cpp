@@ -172,6 +172,20 @@ void WriteConversion(Out& out, const FormatSpec& spec, const FormatArg* arg) {
   AppendPadded(out, piece, spec.width, spec.left, spec.zero && spec.conversion != L's');
 }
 
+// Writes the literal run of `spec` and its conversion, which takes the
+// argument at `next` (and moves it on) unless it is "%%".
+template <typename Out>
+void WritePiece(Out& out, const FormatSpec& spec, const FormatArg* args, std::size_t count, std::size_t& next) {
+  out.Append(spec.literal);
+  if (spec.conversion == L'\0') return;
+  const FormatArg* arg = nullptr;
+  if (spec.conversion != L'%') {
+    arg = next < count ? &args[next] : nullptr;
+    ++next;
+  }
+  WriteConversion(out, spec, arg);
+}
+
 // The text being formatted by a prepared format, written straight into a
 // string sized once to a length the arguments cannot outgrow.
 class ReservedOutput {
@@ -237,14 +251,7 @@ std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_
   FormatSpec spec;
   for (const wchar_t* p = format; p != nullptr;) {
     p = ReadSpec(p, &spec);
-    out.Append(spec.literal);
-    if (spec.conversion == L'\0') continue;
-    const FormatArg* arg = nullptr;
-    if (spec.conversion != L'%') {
-      arg = next < count ? &args[next] : nullptr;
-      ++next;
-    }
-    WriteConversion(out, spec, arg);
+    WritePiece(out, spec, args, count, next);
   }
   return out.Take();
 }
@@ -256,17 +263,7 @@ std::wstring FormatPrepared(const FormatSpec* specs, std::size_t spec_count, std
   for (std::size_t i = 0; i < count; ++i) capacity += args[i].text_length;
   ReservedOutput out(capacity);
   std::size_t next = 0;
-  for (std::size_t i = 0; i < spec_count; ++i) {
-    const FormatSpec& spec = specs[i];
-    out.Append(spec.literal);
-    if (spec.conversion == L'\0') continue;
-    const FormatArg* arg = nullptr;
-    if (spec.conversion != L'%') {
-      arg = next < count ? &args[next] : nullptr;
-      ++next;
-    }
-    WriteConversion(out, spec, arg);
-  }
+  for (std::size_t i = 0; i < spec_count; ++i) WritePiece(out, specs[i], args, count, next);
   return out.Take();
 }
 
