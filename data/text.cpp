@@ -119,12 +119,12 @@ std::wstring_view WriteHex(wchar_t (&buffer)[kNumberBuffer], uint64_t value, boo
   return std::wstring_view(p, static_cast<std::size_t>(end - p));
 }
 
-// Writes one conversion of `spec` with its argument (null: missing).
+// Writes one conversion of `step` with its argument (null: missing).
 template <typename Out>
-void WriteConversion(Out& out, const FormatSpec& spec, const FormatArg* arg) {
+void WriteConversion(Out& out, const FormatStep& step, const FormatArg* arg) {
   wchar_t buffer[kNumberBuffer];
   std::wstring_view piece;
-  switch (spec.conversion) {
+  switch (step.conversion) {
     case L'%':
       out.Append(1, L'%');
       return;
@@ -134,21 +134,21 @@ void WriteConversion(Out& out, const FormatSpec& spec, const FormatArg* arg) {
         if (arg->kind == FormatArg::Kind::kText) {
           piece = std::wstring_view(arg->text, arg->text_length);
         } else {
-          piece = WriteSigned(buffer, spec.wide64 ? arg->number : static_cast<int32_t>(arg->number));
+          piece = WriteSigned(buffer, step.wide64 ? arg->number : static_cast<int32_t>(arg->number));
         }
       }
       break;
     case L'u':
       if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
         piece = WriteUnsigned(
-            buffer, spec.wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number), false);
+            buffer, step.wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number), false);
       }
       break;
     case L'x':
     case L'X':
       if (arg != nullptr && arg->kind != FormatArg::Kind::kText) {
-        const uint64_t bits = spec.wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number);
-        piece = WriteHex(buffer, bits, spec.conversion == L'X');
+        const uint64_t bits = step.wide64 ? static_cast<uint64_t>(arg->number) : static_cast<uint32_t>(arg->number);
+        piece = WriteHex(buffer, bits, step.conversion == L'X');
       }
       break;
     case L's':
@@ -165,25 +165,25 @@ void WriteConversion(Out& out, const FormatSpec& spec, const FormatArg* arg) {
       }
       break;
     default:
-      buffer[0] = spec.conversion;
+      buffer[0] = step.conversion;
       piece = std::wstring_view(buffer, 1);
       break;
   }
-  AppendPadded(out, piece, spec.width, spec.left, spec.zero && spec.conversion != L's');
+  AppendPadded(out, piece, step.width, step.left, step.zero && step.conversion != L's');
 }
 
-// Writes the literal run of `spec` and its conversion, which takes the
+// Writes the literal run of `step` and its conversion, which takes the
 // argument at `next` (and moves it on) unless it is "%%".
 template <typename Out>
-void WritePiece(Out& out, const FormatSpec& spec, const FormatArg* args, std::size_t count, std::size_t& next) {
-  out.Append(spec.literal);
-  if (spec.conversion == L'\0') return;
+void WritePiece(Out& out, const FormatStep& step, const FormatArg* args, std::size_t count, std::size_t& next) {
+  out.Append(step.literal);
+  if (step.conversion == L'\0') return;
   const FormatArg* arg = nullptr;
-  if (spec.conversion != L'%') {
+  if (step.conversion != L'%') {
     arg = next < count ? &args[next] : nullptr;
     ++next;
   }
-  WriteConversion(out, spec, arg);
+  WriteConversion(out, step, arg);
 }
 
 // The text being formatted by a prepared format, written straight into a
@@ -211,36 +211,36 @@ class ReservedOutput {
 // Sizes follow the Windows (LLP64) C runtime: %d and %ld print 32 bits,
 // %I64d and %lld print 64 bits. Arguments are typed, so a mismatch cannot
 // read past the list; a missing argument prints as nothing.
-const wchar_t* ReadSpec(const wchar_t* p, FormatSpec* spec) {
-  *spec = FormatSpec{};
+const wchar_t* ReadStep(const wchar_t* p, FormatStep* step) {
+  *step = FormatStep{};
   const wchar_t* percent = std::wcschr(p, L'%');
   if (percent == nullptr) {
-    spec->literal = std::wstring_view(p);
+    step->literal = std::wstring_view(p);
     return nullptr;
   }
-  spec->literal = std::wstring_view(p, static_cast<std::size_t>(percent - p));
+  step->literal = std::wstring_view(p, static_cast<std::size_t>(percent - p));
   p = percent + 1;
   if (*p == L'%') {
-    spec->conversion = L'%';
+    step->conversion = L'%';
     return p + 1;
   }
   for (; *p == L'-' || *p == L'0' || *p == L'+' || *p == L' ' || *p == L'#'; ++p) {
-    if (*p == L'-') spec->left = true;
-    if (*p == L'0') spec->zero = true;
+    if (*p == L'-') step->left = true;
+    if (*p == L'0') step->zero = true;
   }
-  for (; *p >= L'0' && *p <= L'9'; ++p) spec->width = spec->width * 10 + (*p - L'0');
+  for (; *p >= L'0' && *p <= L'9'; ++p) step->width = step->width * 10 + (*p - L'0');
   if (p[0] == L'I' && p[1] == L'6' && p[2] == L'4') {
-    spec->wide64 = true;
+    step->wide64 = true;
     p += 3;
   } else if (p[0] == L'l' && p[1] == L'l') {
-    spec->wide64 = true;
+    step->wide64 = true;
     p += 2;
   } else if (*p == L'l' || *p == L'h') {
     ++p;
   }
   // A conversion cut short by the end of the text ends the output there.
   if (*p == L'\0') return nullptr;
-  spec->conversion = *p;
+  step->conversion = *p;
   return p + 1;
 }
 
@@ -248,33 +248,33 @@ std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_
   Output out;
   out.Append(prefix);
   std::size_t next = 0;
-  FormatSpec spec;
+  FormatStep step;
   for (const wchar_t* p = format; p != nullptr;) {
-    p = ReadSpec(p, &spec);
-    WritePiece(out, spec, args, count, next);
+    p = ReadStep(p, &step);
+    WritePiece(out, step, args, count, next);
   }
   return out.Take();
 }
 
-std::wstring FormatPrepared(const FormatSpec* specs, std::size_t spec_count, std::size_t literal_length,
+std::wstring FormatPrepared(const FormatStep* steps, std::size_t step_count, std::size_t literal_length,
                             const FormatArg* args, std::size_t count) {
   std::size_t capacity = literal_length;
-  for (std::size_t i = 0; i < spec_count; ++i) capacity += static_cast<std::size_t>(specs[i].width) + kNumberBuffer;
+  for (std::size_t i = 0; i < step_count; ++i) capacity += static_cast<std::size_t>(steps[i].width) + kNumberBuffer;
   for (std::size_t i = 0; i < count; ++i) capacity += args[i].text_length;
   ReservedOutput out(capacity);
   std::size_t next = 0;
-  for (std::size_t i = 0; i < spec_count; ++i) WritePiece(out, specs[i], args, count, next);
+  for (std::size_t i = 0; i < step_count; ++i) WritePiece(out, steps[i], args, count, next);
   return out.Take();
 }
 
 }  // namespace text_internal
 
 PreparedFormat::PreparedFormat(const wchar_t* format) : text_(format != nullptr ? format : L"") {
-  text_internal::FormatSpec spec;
+  text_internal::FormatStep step;
   for (const wchar_t* p = text_.c_str(); p != nullptr;) {
-    p = text_internal::ReadSpec(p, &spec);
-    literal_length_ += spec.literal.size();
-    specs_.push_back(spec);
+    p = text_internal::ReadStep(p, &step);
+    literal_length_ += step.literal.size();
+    steps_.push_back(step);
   }
 }
 

@@ -42,7 +42,7 @@ std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_
                         std::wstring_view prefix = std::wstring_view());
 
 // One conversion of a format text and the literal text before it.
-struct FormatSpec {
+struct FormatStep {
   std::wstring_view literal;
   wchar_t conversion = L'\0';  // L'\0': the literal ends the text
   int width = 0;
@@ -52,10 +52,10 @@ struct FormatSpec {
 };
 // Reads the literal run at `p` and the conversion after it; returns where
 // the next run starts, or null when the text ends.
-const wchar_t* ReadSpec(const wchar_t* p, FormatSpec* spec);
+const wchar_t* ReadStep(const wchar_t* p, FormatStep* step);
 // The text of conversions read before, `literal_length` being the length of
 // all their literal runs.
-std::wstring FormatPrepared(const FormatSpec* specs, std::size_t spec_count, std::size_t literal_length,
+std::wstring FormatPrepared(const FormatStep* steps, std::size_t step_count, std::size_t literal_length,
                             const FormatArg* args, std::size_t count);
 }  // namespace text_internal
 
@@ -135,12 +135,12 @@ class PreparedFormat {
   template <typename... Args>
   CString operator()(const Args&... args) const {
     const text_internal::FormatArg list[] = {text_internal::MakeArg(args)..., text_internal::FormatArg{}};
-    return CString(text_internal::FormatPrepared(specs_.data(), specs_.size(), literal_length_, list, sizeof...(Args)));
+    return CString(text_internal::FormatPrepared(steps_.data(), steps_.size(), literal_length_, list, sizeof...(Args)));
   }
 
  private:
-  const std::wstring text_;  // the literal runs of specs_ point into it
-  std::vector<text_internal::FormatSpec> specs_;
+  const std::wstring text_;  // the literal runs of steps_ point into it
+  std::vector<text_internal::FormatStep> steps_;
   std::size_t literal_length_ = 0;
 };
 
