@@ -256,10 +256,14 @@ std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_
   return out.Take();
 }
 
-std::wstring FormatPrepared(const FormatStep* steps, std::size_t step_count, std::size_t literal_length,
-                            const FormatArg* args, std::size_t count) {
-  std::size_t capacity = literal_length;
-  for (std::size_t i = 0; i < step_count; ++i) capacity += static_cast<std::size_t>(steps[i].width) + kNumberBuffer;
+std::wstring FormatPrepared(const FormatStep* steps, std::size_t step_count, const FormatArg* args,
+                            std::size_t count) {
+  // No step writes more than its literal, its width and a number, or its
+  // argument's text where that is longer.
+  std::size_t capacity = 0;
+  for (std::size_t i = 0; i < step_count; ++i) {
+    capacity += steps[i].literal.size() + static_cast<std::size_t>(steps[i].width) + kNumberBuffer;
+  }
   for (std::size_t i = 0; i < count; ++i) capacity += args[i].text_length;
   ReservedOutput out(capacity);
   std::size_t next = 0;
@@ -273,7 +277,6 @@ PreparedFormat::PreparedFormat(const wchar_t* format) : text_(format != nullptr 
   text_internal::FormatStep step;
   for (const wchar_t* p = text_.c_str(); p != nullptr;) {
     p = text_internal::ReadStep(p, &step);
-    literal_length_ += step.literal.size();
     steps_.push_back(step);
   }
 }

@@ -53,10 +53,9 @@ struct FormatStep {
 // Reads the literal run at `p` and the conversion after it; returns where
 // the next run starts, or null when the text ends.
 const wchar_t* ReadStep(const wchar_t* p, FormatStep* step);
-// The text of conversions read before, `literal_length` being the length of
-// all their literal runs.
-std::wstring FormatPrepared(const FormatStep* steps, std::size_t step_count, std::size_t literal_length,
-                            const FormatArg* args, std::size_t count);
+// The text of steps read before, written into one string sized up front.
+std::wstring FormatPrepared(const FormatStep* steps, std::size_t step_count, const FormatArg* args,
+                            std::size_t count);
 }  // namespace text_internal
 
 class CString {
@@ -135,13 +134,12 @@ class PreparedFormat {
   template <typename... Args>
   CString operator()(const Args&... args) const {
     const text_internal::FormatArg list[] = {text_internal::MakeArg(args)..., text_internal::FormatArg{}};
-    return CString(text_internal::FormatPrepared(steps_.data(), steps_.size(), literal_length_, list, sizeof...(Args)));
+    return CString(text_internal::FormatPrepared(steps_.data(), steps_.size(), list, sizeof...(Args)));
   }
 
  private:
   const std::wstring text_;  // the literal runs of steps_ point into it
   std::vector<text_internal::FormatStep> steps_;
-  std::size_t literal_length_ = 0;
 };
 
 // MFC's AfxExtractSubString: piece `index` of `full` split at `separator`,
