@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -44,9 +45,11 @@ constexpr std::size_t kJsonStackBytes = 1024;
 // names make their keys as before.
 //
 // A name spelt out in the code sits at one address for the life of the
-// process, so each address a name was read from is pinned to its key: a
-// read from that address again only checks that the text there is still the
-// key's text, instead of measuring and hashing it.
+// process, so the first address read from in each place of a pin table is
+// pinned to its key: a read from that address again only checks that the
+// text there is still the key's text, instead of measuring and hashing it.
+// A place once taken keeps its pin, so a buffer reused for many names (not
+// a name in the code) never makes more than one.
 class FieldKeys {
  public:
   // Kept reachable for the life of the process: any thread may be reading.
@@ -63,10 +66,12 @@ class FieldKeys {
     if (pin != nullptr && pin->at == name && Holds(name, pin->entry->key.text())) return &pin->entry->key;
     const Entry* entry = FindEntry(std::wstring_view(name));
     if (entry == nullptr) return nullptr;
-    std::lock_guard<std::mutex> guard(insert_lock_);
-    if (pin_store_.size() < kMaxPins) {
-      pin_store_.push_back(std::make_unique<Pin>(Pin{name, entry}));
-      place.store(pin_store_.back().get(), std::memory_order_release);
+    if (pin == nullptr) {
+      std::lock_guard<std::mutex> guard(insert_lock_);
+      if (place.load(std::memory_order_relaxed) == nullptr) {
+        pins_made_.push_back(Pin{name, entry});
+        place.store(&pins_made_.back(), std::memory_order_release);
+      }
     }
     return &entry->key;
   }
@@ -76,7 +81,6 @@ class FieldKeys {
   static constexpr std::size_t kMask = kSlots - 1;
   static constexpr std::size_t kMaxKeys = kSlots / 2;
   static constexpr std::size_t kPinSlots = 1024;  // a power of two
-  static constexpr std::size_t kMaxPins = 4 * kPinSlots;
 
   struct Entry {
     std::size_t hash;
@@ -124,9 +128,9 @@ class FieldKeys {
 
   std::atomic<const Entry*> slots_[kSlots] = {};
   std::atomic<const Pin*> pins_[kPinSlots] = {};
-  std::mutex insert_lock_;                        // guards entries_, pin_store_ and every insertion
+  std::mutex insert_lock_;                        // guards entries_, pins_made_ and every insertion
   std::vector<std::unique_ptr<Entry>> entries_;   // the keys kept
-  std::vector<std::unique_ptr<Pin>> pin_store_;   // every pin made; a replaced pin may still be read
+  std::deque<Pin> pins_made_;                     // one per place taken; never moved
 };
 
 }  // namespace
