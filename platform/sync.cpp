@@ -11,7 +11,11 @@ void CMutex::Lock() {
     return;
   }
   std::unique_lock<std::mutex> guard(state_lock_);
-  released_.wait(guard, [this] { return owner_.load(std::memory_order_relaxed) == std::thread::id(); });
+  if (owner_.load(std::memory_order_relaxed) != std::thread::id()) {
+    ++waiting_;
+    released_.wait(guard, [this] { return owner_.load(std::memory_order_relaxed) == std::thread::id(); });
+    --waiting_;
+  }
   owner_.store(me, std::memory_order_relaxed);
   depth_ = 1;
 }
@@ -29,6 +33,11 @@ bool CMutex::Unlock() {
   }
   released_.notify_one();
   return true;
+}
+
+int CMutex::Waiting() const {
+  std::lock_guard<std::mutex> guard(state_lock_);
+  return waiting_;
 }
 
 int CMutex::LevelsHeldByCaller() const {
@@ -50,6 +59,11 @@ void CEvent::Set() {
 void CEvent::Reset() {
   std::lock_guard<std::mutex> guard(lock_);
   signalled_ = false;
+}
+
+bool CEvent::IsSignalled() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return signalled_;
 }
 
 bool CEvent::Wait(int64_t timeout_ms) {

@@ -31,6 +31,9 @@ class CMutex {
   // Ownership levels held by the calling thread (0 when another thread or no
   // thread owns it). For tests and assertions.
   int LevelsHeldByCaller() const;
+  // Threads blocked in Lock, waiting for the owner to let go. A test reads it
+  // to know that another thread is stuck on this mutex, without waiting.
+  int Waiting() const;
 
  private:
   // Only the owning thread can find its own id here, so it re-enters and
@@ -39,8 +42,9 @@ class CMutex {
   std::atomic<std::thread::id> owner_{};
   // Touched only by the owning thread; handed on through state_lock_.
   int depth_ = 0;
-  std::mutex state_lock_;  // guards every change of owner_ between no owner and an owner
+  mutable std::mutex state_lock_;  // guards waiting_ and every change of owner_ between no owner and an owner
   std::condition_variable released_;
+  int waiting_ = 0;
 };
 
 // Recursive critical section; unlike CMutex it must be released by its owner.
@@ -49,11 +53,22 @@ class CCriticalSection {
   CCriticalSection() = default;
   CCriticalSection(const CCriticalSection&) = delete;
   CCriticalSection& operator=(const CCriticalSection&) = delete;
-  bool Lock() { lock_.lock(); return true; }
+  bool Lock() {
+    if (!lock_.try_lock()) {
+      waiting_.fetch_add(1);
+      lock_.lock();
+      waiting_.fetch_sub(1);
+    }
+    return true;
+  }
   bool Unlock() { lock_.unlock(); return true; }
+  // Threads that found the section taken and wait in Lock. A test reads it to
+  // know that another thread is stuck here, without waiting.
+  int Waiting() const { return waiting_.load(); }
 
  private:
   std::recursive_mutex lock_;
+  std::atomic<int> waiting_{0};
 };
 
 // Manual- or auto-reset event. Waits are measured on the wall clock: they are
@@ -70,9 +85,12 @@ class CEvent {
   // Returns true when signalled, false on time-out. A negative timeout waits
   // without limit. An auto-reset event is reset by the wait that takes it.
   bool Wait(int64_t timeout_ms = -1);
+  // Whether the event is signalled now. A waiter on an event that is not
+  // signalled cannot go on until someone sets it.
+  bool IsSignalled() const;
 
  private:
-  std::mutex lock_;  // guards signalled_
+  mutable std::mutex lock_;  // guards signalled_
   std::condition_variable cv_;
   const bool manual_reset_;
   bool signalled_;

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "testing/mutex_waiters.h"
+
 namespace tsm {
 namespace {
 
@@ -49,11 +51,29 @@ TEST(CMutexTest, LockTakenInOneCallIsReleasedInALaterCallOnTheSameThread) {
     other_got_it = true;
     mutex.Unlock();
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // real-time: the other thread must be blocked
+  EXPECT_TRUE(WaitForWaiter(mutex));
   EXPECT_FALSE(other_got_it.load());
   EXPECT_TRUE(second_call());
   other.join();
   EXPECT_TRUE(other_got_it.load());
+}
+
+TEST(CMutexTest, WaitingCountsOnlyThreadsBlockedInLock) {
+  CMutex mutex;
+  EXPECT_EQ(mutex.Waiting(), 0);
+  mutex.Lock();
+  mutex.Lock();  // the owner re-enters without waiting
+  EXPECT_EQ(mutex.Waiting(), 0);
+  std::thread other([&] {
+    ScopedLock<CMutex> guard(mutex);
+  });
+  EXPECT_TRUE(WaitForWaiter(mutex));
+  EXPECT_EQ(mutex.Waiting(), 1);
+  EXPECT_TRUE(mutex.Unlock());
+  EXPECT_EQ(mutex.Waiting(), 1);  // one level is still held
+  EXPECT_TRUE(mutex.Unlock());
+  other.join();
+  EXPECT_EQ(mutex.Waiting(), 0);
 }
 
 TEST(CMutexTest, ExcludesOtherThreads) {
@@ -133,12 +153,46 @@ TEST(CEventTest, WaitReturnsWhenAnotherThreadSets) {
   setter.join();
 }
 
+TEST(CEventTest, IsSignalledFollowsSetResetAndAutoResetWaits) {
+  CEvent manual(true, false);
+  EXPECT_FALSE(manual.IsSignalled());
+  manual.Set();
+  EXPECT_TRUE(manual.IsSignalled());
+  EXPECT_TRUE(manual.Wait(0));
+  EXPECT_TRUE(manual.IsSignalled());  // a manual-reset event stays set
+  manual.Reset();
+  EXPECT_FALSE(manual.IsSignalled());
+  CEvent automatic(false, true);
+  EXPECT_TRUE(automatic.IsSignalled());
+  EXPECT_TRUE(automatic.Wait(0));
+  EXPECT_FALSE(automatic.IsSignalled());  // the wait took it
+}
+
 TEST(CCriticalSectionTest, IsRecursive) {
   CCriticalSection cs;
   EXPECT_TRUE(cs.Lock());
   EXPECT_TRUE(cs.Lock());
   EXPECT_TRUE(cs.Unlock());
   EXPECT_TRUE(cs.Unlock());
+}
+
+TEST(CCriticalSectionTest, WaitingCountsOnlyThreadsThatFoundItTaken) {
+  CCriticalSection section;
+  section.Lock();
+  section.Lock();  // the owner re-enters without waiting
+  EXPECT_EQ(section.Waiting(), 0);
+  std::atomic<bool> entered{false};
+  std::thread other([&] {
+    ScopedLock<CCriticalSection> guard(section);
+    entered = true;
+  });
+  EXPECT_TRUE(WaitForWaiter(section, &entered));
+  EXPECT_FALSE(entered.load());
+  section.Unlock();
+  section.Unlock();
+  other.join();
+  EXPECT_TRUE(entered.load());
+  EXPECT_EQ(section.Waiting(), 0);
 }
 
 }  // namespace
