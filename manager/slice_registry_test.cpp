@@ -4,11 +4,11 @@
 // to the child orders the host receives.
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <thread>
 
 #include "testing/manager_fixture.h"
+#include "testing/mutex_waiters.h"
 
 namespace tsm {
 namespace {
@@ -489,32 +489,25 @@ TEST_F(SliceRegistryTest, KeepingReentersTheOrderMutexTheHostHoldsOnItsThread) {
   EXPECT_EQ(peer_.SendQueue().size(), 1u);
 }
 
-TEST_F(SliceRegistryTest, TypeFiveTakesTheSliceMutexInsideTheOrderMutexRealTime) {
+TEST_F(SliceRegistryTest, TypeFiveTakesTheSliceMutexInsideTheOrderMutex) {
   const uint32_t cookie = Publish(L"order", Parent(L"L1", L"S1", 5));
-  std::atomic<bool> slice_held{false}, let_go{false}, order_taken{false};
-  std::thread holder([&] {
-    peer_.SliceMutex().Lock();
-    slice_held = true;
-    while (!let_go) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    peer_.SliceMutex().Unlock();
-  });
-  while (!slice_held) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  // The test's thread holds the slice mutex; the host's thread keeps the
+  // order and gets stuck on it.
+  peer_.SliceMutex().Lock();
   std::thread host([&] { Topic(L"TRADE.SLICE.MANAGER", 0, 0, L"3", Variant::I4(static_cast<int32_t>(cookie))); });
-  // The session check is the last step before the order mutex.
-  for (int i = 0; i < 10000 && !LoggedStartingWith(L"CheckOpenCloseTime:"); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  const bool host_stuck = WaitForWaiter(peer_.SliceMutex());
+  // A third thread now asks for the order mutex: it gets stuck too, so the
+  // host holds the order mutex while it waits for the slice mutex.
+  std::atomic<bool> order_taken{false};
   std::thread other([&] {
-    peer_.OrderMutex().Lock();
+    ScopedLock<CMutex> guard(peer_.OrderMutex());
     order_taken = true;
-    peer_.OrderMutex().Unlock();
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  // The host waits for the slice mutex while it holds the order mutex.
+  const bool other_stuck = WaitForWaiter(peer_.OrderMutex(), &order_taken);
+  EXPECT_TRUE(host_stuck);
+  EXPECT_TRUE(other_stuck);
   EXPECT_FALSE(order_taken.load());
-  let_go = true;
-  holder.join();
+  peer_.SliceMutex().Unlock();
   host.join();
   other.join();
   EXPECT_TRUE(order_taken.load());
