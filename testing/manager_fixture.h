@@ -13,6 +13,7 @@
 #include "manager/trade_slice_manager.h"
 #include "platform/virtual_clock.h"
 #include "slicehost/sim_host.h"
+#include "tracking/volume_worker.h"
 
 namespace tsm {
 
@@ -72,6 +73,8 @@ class CTradeSliceManagerPeer {
   // The block the volume worker shares with the object: its use count falls
   // to 1 once the worker thread has ended, and it expires when both are gone.
   std::weak_ptr<void> Worker() { return m_->m_worker; }
+  // The same block with its members: the worker event, the rounds done.
+  std::weak_ptr<CTradeSliceManager::WorkerShared> WorkerState() { return m_->m_worker; }
 
  private:
   static void NoOp(unsigned, void*) {}

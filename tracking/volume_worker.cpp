@@ -3,21 +3,14 @@
 // have seen enough traded volume since they started being watched. Quote
 // changes only queue the symbol (on the data service's event thread), so that
 // thread never waits on the host.
+#include "tracking/volume_worker.h"
+
 #include <mutex>
 
 #include "manager/trade_slice_manager.h"
 #include "platform/thread.h"
 
 namespace tsm {
-
-// What the worker thread shares with the object. The worker works on the
-// object only while holding owner_lock, and the object clears owner under it
-// before it goes, so the worker never touches a destroyed object.
-struct CTradeSliceManager::WorkerShared {
-  CEvent event{true, false};  // the worker event: manual reset, not signalled
-  std::mutex owner_lock;      // guards owner; held while the worker works on it
-  CTradeSliceManager* owner = nullptr;
-};
 
 void CTradeSliceManager::StartVolumeWorker() {
   std::shared_ptr<WorkerShared> shared;
@@ -53,6 +46,7 @@ void CTradeSliceManager::StopVolumeWorkerForDestruction() {
     shared = m_worker;
   }
   if (shared == nullptr) return;
+  shared->owner_leaving.store(true);
   {
     std::lock_guard<std::mutex> guard(shared->owner_lock);
     shared->owner = nullptr;
@@ -84,6 +78,7 @@ void CTradeSliceManager::VolumeWorkerBody(std::shared_ptr<WorkerShared> shared) 
     // Reset only after the checks: a wake-up set meanwhile is lost until the
     // next quote change. That ordering is the required one.
     shared->event.Reset();
+    shared->rounds_done.fetch_add(1);
     if (self->m_nRunning == 0) return;
   }
 }

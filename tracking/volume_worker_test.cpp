@@ -6,8 +6,9 @@
 // touches the object once it is gone.
 //
 // The worker is a real thread: tests wait for what it sends with a bounded
-// poll. Tests whose names end in RealTime also let real time pass to show
-// that something does not happen.
+// poll. That something does not happen is shown by the worker's state, not
+// by letting time pass: after a round with its event not signalled, the
+// worker is parked until a quote change sets the event.
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -328,8 +329,10 @@ TEST_F(VolumeWorkerTest, SymbolWithoutWatchEntryIsDroppedSilentlyByTheWorker) {
   gone.reset();
 }
 
-TEST_F(VolumeWorkerTest, WakeUpDuringTheWorkersRoundIsLostUntilAnotherQuoteChangesRealTime) {
+TEST_F(VolumeWorkerTest, WakeUpDuringTheWorkersRoundIsLostUntilAnotherQuoteChanges) {
   Start();
+  const auto worker = peer_.WorkerState().lock();
+  ASSERT_NE(worker, nullptr);
   IBaseData* first = QuoteObject(L"QX.A", 100);
   WatchChild(WatchListened(L"QX.A"), L"A1", L"SA", 100);
   QuoteObject(L"QX.B", 103);
@@ -344,16 +347,21 @@ TEST_F(VolumeWorkerTest, WakeUpDuringTheWorkersRoundIsLostUntilAnotherQuoteChang
                             Variant*) {
     if (topic == L"TRADE.CANCELORDER" && text == L"REPORTID=A1") manager_->OnDataUpdate(b->pQuote, 1, L"");
   };
+  const uint32_t rounds_before = worker->rounds_done.load();
   SetVolume(first, 103);
   ASSERT_TRUE(WaitForCancel(L"REPORTID=A1"));
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_EQ(Cancels(), (std::vector<std::wstring>{L"REPORTID=A1"})) << "the wake-up set during the round is lost";
+  ASSERT_TRUE(WaitUntil([&] { return worker->rounds_done.load() == rounds_before + 1; }));
+  // The round reset the event after the wake-up was set: the worker is parked
+  // with QX.B still queued, and nothing but a Set can move it.
+  EXPECT_FALSE(worker->event.IsSignalled()) << "the wake-up set during the round is lost";
+  EXPECT_EQ(Cancels(), (std::vector<std::wstring>{L"REPORTID=A1"}));
   EXPECT_EQ(counted->reads(), 0);
   EXPECT_EQ(QueuedSymbols(), (CStringArray{L"QX.B"}));
   // Another change of QX.B finds it queued already: no wake-up either.
   SetVolume(host_.Topic(L"QX.B"), 104);
   TsmWaitEventsDelivered();
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_FALSE(worker->event.IsSignalled());
+  EXPECT_EQ(worker->rounds_done.load(), rounds_before + 1);
   EXPECT_EQ(counted->reads(), 0);
   // A change of another symbol wakes the worker, which then checks both.
   IBaseData* third = QuoteObject(L"QX.C", 100);
@@ -403,9 +411,10 @@ class OwnManager {
   uint32_t cookie_ = 0;
 };
 
-TEST_F(VolumeWorkerTest, ManagerDestroyedWhileTheWorkerIsBusyIsNeverTouchedAfterwardsRealTime) {
+TEST_F(VolumeWorkerTest, ManagerDestroyedWhileTheWorkerIsBusyIsNeverTouchedAfterwards) {
   OwnManager own(clock_, host_);
   std::weak_ptr<void> worker = own.peer().Worker();
+  const auto state = own.peer().WorkerState();
   IBaseData* quote = QuoteObject(L"QX.A", 100);
   auto* entry = new VolumeWatchEntry;
   entry->pQuote = own.get()->GetTopicRecord(L"QX.A", own.get());
@@ -436,13 +445,18 @@ TEST_F(VolumeWorkerTest, ManagerDestroyedWhileTheWorkerIsBusyIsNeverTouchedAfter
     ASSERT_TRUE(changed.wait_for(guard, std::chrono::milliseconds(kPollDeadlineMs), [&] { return in_cancel; }));
   }
   std::thread destroyer([&] { own.Destroy(); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let the destruction reach the worker
+  // The destruction has reached the worker: it waits for the round to end.
+  const bool reached = WaitUntil([&] {
+    const auto shared = state.lock();
+    return shared != nullptr && shared->owner_leaving.load();
+  });
   {
     std::lock_guard<std::mutex> guard(lock);
     let_go = true;
   }
   changed.notify_all();
   destroyer.join();
+  EXPECT_TRUE(reached) << "the destruction never began to stop the worker";
   ASSERT_TRUE(WaitUntil([&] { return worker.expired(); })) << "the worker thread did not end";
   host_.on_send = nullptr;
   EXPECT_EQ(Cancels(), (std::vector<std::wstring>{L"REPORTID=C1"}));
