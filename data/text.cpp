@@ -314,19 +314,7 @@ CString CString::Mid(int start, int count) const {
 }
 
 CString CString::Tokenize(std::wstring_view delimiters, int& pos) const {
-  if (pos < 0 || pos >= GetLength()) {
-    pos = -1;
-    return CString();
-  }
-  const std::size_t begin = s_.find_first_not_of(delimiters, static_cast<std::size_t>(pos));
-  if (begin == std::wstring::npos) {
-    pos = -1;
-    return CString();
-  }
-  std::size_t end = s_.find_first_of(delimiters, begin);
-  if (end == std::wstring::npos) end = s_.size();
-  pos = static_cast<int>(end) + 1;
-  return CString(s_.substr(begin, end - begin));
+  return CString(std::wstring(TokenizeView(s_, delimiters, pos)));
 }
 
 CString& CString::Trim() {
@@ -365,6 +353,22 @@ int CString::CompareNoCase(std::wstring_view other) const {
   }
   if (s_.size() == other.size()) return 0;
   return s_.size() < other.size() ? -1 : 1;
+}
+
+std::wstring_view TokenizeView(std::wstring_view text, std::wstring_view delimiters, int& pos) {
+  if (pos < 0 || static_cast<std::size_t>(pos) >= text.size()) {
+    pos = -1;
+    return std::wstring_view();
+  }
+  const std::size_t begin = text.find_first_not_of(delimiters, static_cast<std::size_t>(pos));
+  if (begin == std::wstring_view::npos) {
+    pos = -1;
+    return std::wstring_view();
+  }
+  std::size_t end = text.find_first_of(delimiters, begin);
+  if (end == std::wstring_view::npos) end = text.size();
+  pos = static_cast<int>(end) + 1;
+  return text.substr(begin, end - begin);
 }
 
 bool AfxExtractSubString(CString& out, const CString& full, int index, wchar_t separator) {

@@ -142,6 +142,11 @@ class PreparedFormat {
   std::vector<text_internal::FormatStep> steps_;
 };
 
+// CString::Tokenize on a view: the next token of `text` as a view into it,
+// with the same steps of `pos` (-1 at the end), so that a caller walking a
+// long list copies no token out.
+std::wstring_view TokenizeView(std::wstring_view text, std::wstring_view delimiters, int& pos);
+
 // MFC's AfxExtractSubString: piece `index` of `full` split at `separator`,
 // empty pieces kept. False (and empty text) when there are fewer pieces.
 bool AfxExtractSubString(CString& out, const CString& full, int index, wchar_t separator);

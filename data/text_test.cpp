@@ -89,6 +89,23 @@ TEST(CStringTest, TokenizeSkipsEmptyTokens) {
   EXPECT_EQ(pos, -1);
 }
 
+TEST(CStringTest, TokenizeViewStepsAsTokenizeAndPointsIntoTheText) {
+  const std::wstring text = L",,L1,,L22,L3,";
+  int pos = 0;
+  int view_pos = 0;
+  for (int i = 0; i < 5; ++i) {
+    const CString token = CString(text).Tokenize(L",", pos);
+    const std::wstring_view view = TokenizeView(text, L",", view_pos);
+    EXPECT_EQ(view, token.wstr()) << i;
+    EXPECT_EQ(view_pos, pos) << i;
+    if (!view.empty()) {
+      EXPECT_GE(view.data(), text.data());
+      EXPECT_LE(view.data() + view.size(), text.data() + text.size());
+    }
+  }
+  EXPECT_EQ(view_pos, -1);
+}
+
 TEST(CStringTest, ExtractSubStringKeepsEmptyPieces) {
   CString piece;
   EXPECT_TRUE(AfxExtractSubString(piece, L"a~~b", 1, L'~'));

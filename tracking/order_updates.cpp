@@ -180,15 +180,13 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
     ScopedLock<CMutex> guard(m_mutexSlice);
     m_mapSliceToListened.Lookup(slice_id, siblings);
   }
-  // The keys are split at "," as Tokenize would (empty pieces skipped), but
-  // looked at in place: a parent with many children walks them on every fill.
+  // Split as Tokenize splits, but looked at in place: a parent with many
+  // children walks them on every fill.
   const std::wstring_view list(siblings.wstr());
-  for (std::size_t at = 0; at < list.size();) {
-    std::size_t end = list.find(L',', at);
-    if (end == std::wstring_view::npos) end = list.size();
-    const std::wstring_view sibling = list.substr(at, end - at);
-    at = end + 1;
-    if (sibling.empty() || sibling == level_key.wstr() || sibling == parent_key.wstr()) continue;
+  int pos = 0;
+  for (std::wstring_view sibling = TokenizeView(list, L",", pos); pos != -1;
+       sibling = TokenizeView(list, L",", pos)) {
+    if (sibling == level_key.wstr() || sibling == parent_key.wstr()) continue;
     ScopedLock<CMutex> guard(m_mutexOrder);
     void* sibling_slot = nullptr;
     if (m_mapLevelKeyToOrderData.Lookup(sibling, sibling_slot) && sibling_slot != nullptr) {
