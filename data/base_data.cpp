@@ -105,21 +105,23 @@ class FieldKeys {
     return *at == L'\0';
   }
 
+  // Probes from slot `i` for the key; leaves `i` at the empty slot that ends
+  // the probe when the key is not there.
+  const Entry* Probe(std::size_t& i, std::size_t hash, std::wstring_view name) const {
+    for (;; i = (i + 1) & kMask) {
+      const Entry* entry = slots_[i].load(std::memory_order_acquire);
+      if (entry == nullptr) return nullptr;
+      if (entry->hash == hash && entry->key.text() == name) return entry;
+    }
+  }
+
   const Entry* FindEntry(std::wstring_view name) {
     const std::size_t hash = Fnv1aHash(name);
     std::size_t i = hash & kMask;
-    for (;; i = (i + 1) & kMask) {
-      const Entry* entry = slots_[i].load(std::memory_order_acquire);
-      if (entry == nullptr) break;
-      if (entry->hash == hash && entry->key.text() == name) return entry;
-    }
+    if (const Entry* entry = Probe(i, hash, name)) return entry;
     std::lock_guard<std::mutex> guard(insert_lock_);
     // Another thread may have added it, at this slot or after it.
-    for (;; i = (i + 1) & kMask) {
-      const Entry* entry = slots_[i].load(std::memory_order_relaxed);
-      if (entry == nullptr) break;
-      if (entry->hash == hash && entry->key.text() == name) return entry;
-    }
+    if (const Entry* entry = Probe(i, hash, name)) return entry;
     if (entries_.size() >= kMaxKeys) return nullptr;
     entries_.push_back(std::make_unique<Entry>(Entry{hash, Variant::Text(std::wstring(name))}));
     slots_[i].store(entries_.back().get(), std::memory_order_release);
