@@ -76,21 +76,27 @@ TEST(CMutexTest, WaitingCountsOnlyThreadsBlockedInLock) {
   EXPECT_EQ(mutex.Waiting(), 0);
 }
 
-TEST(CMutexTest, ExcludesOtherThreads) {
+// Four threads each add 1 to a counter `per_thread` times, each time holding
+// `levels` nested levels of one mutex; returns the count.
+int CountFromFourThreads(int per_thread, int levels) {
   CMutex mutex;
   int counter = 0;
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
-      for (int i = 0; i < 2000; ++i) {
-        ScopedLock<CMutex> guard(mutex);
-        ++counter;
+      for (int i = 0; i < per_thread; ++i) {
+        for (int level = 0; level < levels; ++level) mutex.Lock();
+        const int before = counter;
+        counter = before + 1;
+        for (int level = 0; level < levels; ++level) mutex.Unlock();
       }
     });
   }
   for (auto& t : threads) t.join();
-  EXPECT_EQ(counter, 8000);
+  return counter;
 }
+
+TEST(CMutexTest, ExcludesOtherThreads) { EXPECT_EQ(CountFromFourThreads(2000, 1), 8000); }
 
 TEST(CMutexTest, NextOwnerStartsAtOneLevelAfterANestedOwnerLetsGo) {
   CMutex mutex;
@@ -110,23 +116,7 @@ TEST(CMutexTest, NextOwnerStartsAtOneLevelAfterANestedOwnerLetsGo) {
   EXPECT_EQ(mutex.LevelsHeldByCaller(), 0);
 }
 
-TEST(CMutexTest, NestedLevelsExcludeOtherThreads) {
-  CMutex mutex;
-  int counter = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 1000; ++i) {
-        ScopedLock<CMutex> outer(mutex);
-        ScopedLock<CMutex> inner(mutex);
-        const int before = counter;
-        counter = before + 1;
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(counter, 4000);
-}
+TEST(CMutexTest, NestedLevelsExcludeOtherThreads) { EXPECT_EQ(CountFromFourThreads(1000, 2), 4000); }
 
 TEST(CEventTest, AutoResetEventIsTakenByOneWait) {
   CEvent event(false, true);
