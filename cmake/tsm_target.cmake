@@ -8,14 +8,33 @@
 #   tsm_target(BENCHMARK name SRCS ... [DEPS ...])
 #
 # TEST targets link GoogleTest and are registered with CTest (run under Wine
-# in the Windows cross build through CMAKE_CROSSCOMPILING_EMULATOR).
-# BENCHMARK targets exist only when TSM_BENCHMARKS is on.
+# in the Windows cross build through CMAKE_CROSSCOMPILING_EMULATOR); they
+# exist only when TSM_BUILD_TESTS is on. BENCHMARK targets exist only when
+# TSM_BENCHMARKS is on.
+#
+# SHARED targets are what a host links: they show only include/ (and the
+# generated version header) to their users, under an alias
+# TradeSliceManager::<name>, and carry a version resource on Windows.
 
 set(TSM_WARNINGS -Wall -Wextra -Wno-unused-parameter)
 
 function(_tsm_common target)
   target_compile_options(${target} PRIVATE ${TSM_WARNINGS})
-  target_include_directories(${target} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+                                              $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+                                              $<BUILD_INTERFACE:${TSM_GENERATED_INCLUDE}>)
+endfunction()
+
+function(_tsm_shared target)
+  target_compile_options(${target} PRIVATE ${TSM_WARNINGS})
+  target_include_directories(${target}
+    PRIVATE ${PROJECT_SOURCE_DIR}
+    PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<BUILD_INTERFACE:${TSM_GENERATED_INCLUDE}>
+           $<INSTALL_INTERFACE:include>)
+  # The public headers are C++17; the component itself is built as C++20.
+  target_compile_features(${target} INTERFACE cxx_std_17)
+  add_library(TradeSliceManager::${target} ALIAS ${target})
+  tsm_version_resource(${target})
 endfunction()
 
 function(tsm_target kind name)
@@ -26,7 +45,7 @@ function(tsm_target kind name)
     target_link_libraries(${name} PUBLIC ${T_PUBLIC_DEPS} PRIVATE ${T_DEPS})
   elseif(kind STREQUAL "SHARED")
     add_library(${name} SHARED ${T_SRCS})
-    _tsm_common(${name})
+    _tsm_shared(${name})
     set_target_properties(${name} PROPERTIES PREFIX "" CXX_VISIBILITY_PRESET hidden)
     target_link_libraries(${name} PUBLIC ${T_PUBLIC_DEPS} PRIVATE ${T_DEPS})
   elseif(kind STREQUAL "EXECUTABLE")
@@ -34,6 +53,9 @@ function(tsm_target kind name)
     _tsm_common(${name})
     target_link_libraries(${name} PRIVATE ${T_DEPS})
   elseif(kind STREQUAL "TEST")
+    if(NOT TSM_BUILD_TESTS)
+      return()
+    endif()
     add_executable(${name} ${T_SRCS})
     _tsm_common(${name})
     target_link_libraries(${name} PRIVATE ${T_DEPS} tsm_gtest_main)
@@ -49,3 +71,4 @@ function(tsm_target kind name)
     message(FATAL_ERROR "tsm_target: unknown kind ${kind}")
   endif()
 endfunction()
+

@@ -3,6 +3,7 @@
 //   slicehost demo   [--transcript FILE] [--report FILE.html] [--real-time] [--quiet] [--verbose]
 //   slicehost run SCENARIO.json [the same options] [--expect GOLDEN] [--write-golden NEW]
 //   slicehost bench  [--parents N] [--children N] [--kind iceberg|slice-all]
+//   slicehost --version
 //
 // Exit codes: 0 done (and the transcript matched its golden file), 1 the
 // transcript differs from the golden file or the run failed, 2 bad command
@@ -22,6 +23,7 @@
 #include "slicehost/runner.h"
 #include "slicehost/scenario.h"
 #include "slicehost/transcript.h"
+#include "tradeslice/version.h"
 
 namespace {
 
@@ -37,6 +39,7 @@ const char kUsage[] =
     "  slicehost run SCENARIO.json [--transcript FILE] [--report FILE.html] [--real-time] [--quiet] [--verbose]\n"
     "                [--expect GOLDEN.jsonl] [--write-golden NEW.jsonl]\n"
     "  slicehost bench [--parents N] [--children N] [--kind iceberg|slice-all]\n"
+    "  slicehost --version\n"
     "\n"
     "demo     plays the embedded demo scenario and prints its timeline and summary\n"
     "run      plays a scenario file (format: docs/scenarios.md)\n"
@@ -53,6 +56,7 @@ const char kUsage[] =
 struct Options {
   std::string command;
   bool help = false;
+  bool version = false;
   std::string scenario_path;
   std::string transcript;
   std::string report;
@@ -86,6 +90,10 @@ std::string ParseArgs(int argc, char** argv, Options* o) {
   if (o->command == "help" || o->command == "--help" || o->command == "-h") {
     o->help = true;
     return {};
+  }
+  if (o->command == "--version") {
+    o->version = true;
+    return argc == 2 ? std::string() : "--version takes no arguments";
   }
   if (o->command != "demo" && o->command != "run" && o->command != "bench") {
     return "unknown command \"" + o->command + "\"";
@@ -258,6 +266,10 @@ int main(int argc, char** argv) {
     if (!problem.empty()) return Usage(problem);
     if (o.help) {
       std::printf("%s", kUsage);
+      return kOk;
+    }
+    if (o.version) {
+      std::printf("slicehost %s\n", TSM_VERSION_TEXT);
       return kOk;
     }
     if (o.command == "bench") return Bench(o);
