@@ -72,3 +72,8 @@ function(tsm_target kind name)
   endif()
 endfunction()
 
+# Type libraries a target builds, to be installed beside the import libraries
+# (cmake/tsm_install.cmake installs what was registered here).
+function(tsm_install_type_library)
+  set_property(GLOBAL APPEND PROPERTY TSM_TYPE_LIBRARIES ${ARGN})
+endfunction()

@@ -6,7 +6,7 @@ BUILD_ROOT=${BUILD_ROOT:-build}
 
 ensure_packages() {
   local want_windows=${1:-0}
-  local pkgs=(cmake ninja-build g++ rapidjson-dev googletest libgtest-dev libgmock-dev libbenchmark-dev)
+  local pkgs=(cmake ninja-build g++ pkgconf rapidjson-dev googletest libgtest-dev libgmock-dev libbenchmark-dev)
   [ "$want_windows" = 1 ] && pkgs+=(mingw-w64 wine wine64)
   local missing=()
   for p in "${pkgs[@]}"; do
