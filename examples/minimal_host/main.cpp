@@ -1,12 +1,9 @@
-// The smallest host of the slice manager. It creates the component through its
-// factory export, advises a sink that prints every request and log line, serves
-// the three records the manager fetches when it starts, and works one iceberg
-// parent to its end: every child the manager asks for is placed and filled at
-// once, until the manager hands the parent back as its final portion.
-//
-// Threads: the manager calls the sink on any of its threads (host, timers,
-// record events, worker), so the sink only prints and queues; the main thread
-// answers the requests.
+// The smallest host of the slice manager. It creates the component through its factory export, advises a
+// sink that prints every request and log line, serves the three records the manager fetches when it starts,
+// and works one iceberg parent to its end: each child the manager asks for is placed and filled at once,
+// until the parent comes back as its final portion.
+// Threads: the manager calls the sink on any of its threads (host, timers, record events, worker), so the
+// sink only prints and queues; the main thread answers the requests.
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -41,7 +38,7 @@ IBaseData* NewRecord(const wchar_t* name, Fields fields) {
 
 struct Request {
   std::wstring topic, text;
-  IBaseData* record;  // the request's record when it carries one (a reference of ours)
+  IBaseData* record;  // the request's record, if any (a reference of ours)
 };
 
 class Host final : public INordaManagerEvents {
@@ -70,10 +67,7 @@ class Host final : public INordaManagerEvents {
     arrived_.notify_one();
     return kS_OK;
   }
-  HResult WriteLog(const std::wstring& line) override {
-    Print("log: ", line);
-    return kS_OK;
-  }
+  HResult WriteLog(const std::wstring& line) override { Print("log: ", line); return kS_OK; }
 
   // A record crosses to the manager as a cookie of the interface table.
   Variant Publish(IBaseData* record) {
