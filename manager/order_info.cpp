@@ -45,14 +45,10 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
     m_mapLevelKeyToOrderData.SetAt(level_key, record);
     m_mapOrderIndex.SetAt(level_key, order_index);
   }
-  if (earlier != nullptr) {
-    // A record the registry already held under this key is replaced; it goes
-    // the way of every dropped record.
-    {
-      ScopedLock<CMutex> guard(m_mutexCleanup);
-      m_arrRetiredRecords.push_back(static_cast<CBaseData*>(earlier));
-    }
-    m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
+  if (earlier != nullptr && earlier != record) {
+    // A record the registry already held under this key is replaced; a
+    // parked order may still name it.
+    DropRecord(static_cast<CBaseData*>(earlier));
   }
   if (group_type == 2) {
     record->GetString(L"GroupPrefix");

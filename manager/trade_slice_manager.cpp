@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <mutex>
+#include <unordered_set>
 
 #include "platform/clock.h"
 
@@ -68,6 +69,11 @@ void CTradeSliceManager::AbandonRecords() {
   for (stcWaitOrder* wait : m_arrReplacedWaits) keep_parked(wait);
   m_mapListenedOrders.RemoveAll();
   m_mapLevelKeyToOrderData.RemoveAll();
+  // A retired record still named by a wait entry is kept with it, not freed.
+  const std::unordered_set<CBaseData*> kept_set(kept.begin(), kept.end());
+  m_arrRetiredRecords.erase(std::remove_if(m_arrRetiredRecords.begin(), m_arrRetiredRecords.end(),
+                                           [&kept_set](CBaseData* record) { return kept_set.count(record) != 0; }),
+                            m_arrRetiredRecords.end());
   AbandonedRecords& abandoned = Abandoned();
   std::lock_guard<std::mutex> guard(abandoned.lock);
   abandoned.records.insert(abandoned.records.end(), kept.begin(), kept.end());

@@ -159,12 +159,23 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   void OnChildOrderUpdate(CBaseData* record);
   void CleanUpChild(CBaseData* record, const CString& level_key);
   int32_t NextOrderTimerId();  // under the timer mutex
-  // Frees a wait entry taken out of m_mapWaitOpenOrders; its record, when the
-  // registry does not hold it, goes to the retired records.
+  // Records have one owner each; a wait entry only borrows the record it
+  // names (docs/architecture.md, "Lifetimes"). The three calls below are the
+  // only ways a record is let go of.
+  //
+  // Frees a wait entry taken out of m_mapWaitOpenOrders (and put in
+  // m_arrWaitsInHand); its record, when the registry does not hold it, is
+  // dropped.
   void RetireWaitEntry(stcWaitOrder* wait);
-  // A record a handler leaves alone (neither kept nor deleted) is handed to
-  // the retired records, to be freed by timer 104 or with the object.
-  void RetireUnkeptRecord(CBaseData* record);
+  // The owner lets go of `record`: deleted at once unless a wait entry
+  // borrows it, then dropped instead.
+  void ReleaseRecord(CBaseData* record);
+  // Hands `record` to the retired records (once) and arms timer 104, which
+  // frees it when no wait entry borrows it any more.
+  void DropRecord(CBaseData* record);
+  // Whether a wait entry (parked, replaced or in hand) names `record`;
+  // under m_csWaitOpenOrders.
+  bool IsBorrowed(const CBaseData* record) const;
   // Removes and frees the wait entry of `level_key`; true when there was one.
   bool TakeWaitingOrder(const CString& level_key);
   // Records still held at destruction are not deleted; they are disconnected
@@ -231,6 +242,7 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   int32_t m_nOrderTimerId = 3000;       // last per-order timer id
   int32_t m_nSliceAllTimerId = 1000;    // last slice-all batch timer id
   std::vector<stcWaitOrder*> m_arrReplacedWaits;  // wait entries replaced by a later parking; under m_csWaitOpenOrders
+  std::vector<stcWaitOrder*> m_arrWaitsInHand;    // taken out of m_mapWaitOpenOrders, not yet freed; same lock
   std::vector<CStringArray*> m_arrDroppedBatches;  // overwritten unsent batches; under m_mutexSliceAll
 };
 
