@@ -57,11 +57,14 @@ void CTradeSliceManager::OnQuoteUpdate(const CString& name) {
 }
 
 void CTradeSliceManager::OnSystemTimeUpdate() {
-  std::vector<std::pair<CString, stcWaitOrder*>> waiting;
+  // The open times are copied with the keys: timer 105 or a cancel may free
+  // an entry as soon as the lock is released.
+  std::vector<std::pair<CString, int32_t>> waiting;
   {
     ScopedLock<CCriticalSection> guard(m_csWaitOpenOrders);
-    m_mapWaitOpenOrders.ForEach(
-        [&](const CString& key, void* wait) { waiting.emplace_back(key, static_cast<stcWaitOrder*>(wait)); });
+    m_mapWaitOpenOrders.ForEach([&](const CString& key, void* wait) {
+      waiting.emplace_back(key, static_cast<stcWaitOrder*>(wait)->nOpenTime);
+    });
   }
   CBaseData* system_time = m_pSystemTime.load();
   if (system_time == nullptr) return;
@@ -86,8 +89,7 @@ void CTradeSliceManager::OnSystemTimeUpdate() {
 
   CStringArray due;
   int64_t delay = 1;
-  for (const auto& [key, wait] : waiting) {
-    const int32_t open = wait->nOpenTime;
+  for (const auto& [key, open] : waiting) {
     if (!(open > time_of_day && open < upper_bound)) continue;
     due.push_back(key);
     LogFormat(L"OnDataUpdate : LevelKey=%s, %ld, %ld", key, open, upper_bound);
