@@ -52,6 +52,8 @@ void CTradeSliceManager::AbandonRecords() {
   keep(m_pSecurityInfo);
   m_pSecurityInfo = nullptr;
   m_mapListenedOrders.ForEach([&](const CString&, void* r) { keep(static_cast<CBaseData*>(r)); });
+  for (CBaseData* record : m_arrDetachedListened) keep(record);
+  m_arrDetachedListened.clear();
   m_mapLevelKeyToOrderData.ForEach([&](const CString&, void* r) { keep(static_cast<CBaseData*>(r)); });
   m_mapVolumeWatch.ForEach([&](const CString&, void* e) {
     auto* entry = static_cast<VolumeWatchEntry*>(e);

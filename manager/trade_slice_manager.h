@@ -204,7 +204,7 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   CMutex m_mutexOrder;       // the order registry (see the maps); held across ORDERSET.LOCK/UNLOCK
   CMutex m_mutexSlice;       // m_arrSendQueue, m_arrFinishLevelKeys, m_mapCancelledSlices, m_mapSliceToListened
   CMutex m_mutexVolume;      // m_mapVolumeWatch, m_mapStartVolume
-  CMutex m_mutexCleanup;     // m_arrCleanup, m_mapListenedOrders (retirement), m_arrRetiredRecords
+  CMutex m_mutexCleanup;     // m_arrCleanup, m_mapListenedOrders (retirement), m_arrRetiredRecords, m_arrDetachedListened
   CMutex m_mutexTimer;       // m_mapTimerToOrder, m_mapOrderToTimer, m_nOrderTimerId
   CMutex m_mutexSliceAll;    // m_mapSliceAllBatches, m_nSliceAllTimerId
   CMutex m_mutexGroup;       // m_mapGroupReport
@@ -215,6 +215,7 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   CStringArray m_arrCleanup;            // keys into m_mapListenedOrders for timer 103
   CStringArray m_arrDueWaitOrders;      // waiting orders due, for timer 105
   std::vector<CBaseData*> m_arrRetiredRecords;  // disconnected records timer 104 frees
+  std::vector<CBaseData*> m_arrDetachedListened;  // listened records replaced by a second intake; still reporting
   COakMapStringToVal m_mapOrderIndex;   // level key -> index in the host's order set
   COakMapStringToVal m_mapSpareValue;   // sized at stage 1; nothing reads or writes it
   COakMapStringToVal m_mapGroupCount;   // parent level key -> its children of group type 2
