@@ -50,9 +50,14 @@ void CTradeSliceManager::OnDataUpdate(CBaseData* record, int32_t /*update_id*/, 
 void CTradeSliceManager::OnQuoteUpdate(const CString& name) {
   ScopedLock<CMutex> volume_guard(m_mutexVolume);
   ScopedLock<CMutex> queue_guard(m_mutexVolumeCheck);
-  if (m_mapVolumeCheck.Contains(name)) return;
-  m_arrVolumeCheck.push_back(name);
-  m_mapVolumeCheck.SetAt(name, name);
+  // A symbol already queued is not queued twice, but the worker is woken
+  // all the same: a wake-up set while the worker's round was running is
+  // lost when the round resets the event, and only this change of the same
+  // symbol can bring it back.
+  if (!m_mapVolumeCheck.Contains(name)) {
+    m_arrVolumeCheck.push_back(name);
+    m_mapVolumeCheck.SetAt(name, name);
+  }
   WakeVolumeWorker();
 }
 
