@@ -1,7 +1,6 @@
 #include "manager/trade_slice_manager.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <mutex>
 #include <unordered_set>
 
@@ -25,7 +24,7 @@ AbandonedRecords& Abandoned() {
 }  // namespace
 
 CTradeSliceManager::CTradeSliceManager(IClock* clock)
-    : clock_(clock != nullptr ? *clock : RealClock()), random_(&std::rand), m_timer(&clock_) {}
+    : clock_(clock != nullptr ? *clock : RealClock()), random_(&DrawProcessRandom), m_timer(&clock_) {}
 
 CTradeSliceManager::~CTradeSliceManager() {
   // Timer callbacks and the worker use the members below: end them first.

@@ -132,9 +132,12 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   void BuildSessionTable(const CString& security_key, const CString& text);
   int32_t CheckOpenCloseTime(CBaseData* order, const CString& symbol_id);
 
-  // The random draw of the slice size: the C runtime's rand() unless a test
+  // The random draw of the slice size: DrawProcessRandom unless a test
   // steers it.
   using RandomSource = int (*)();
+  // One generator for the whole process on every build, 0 to 32767 per draw,
+  // never seeded: the draws of every thread continue one sequence.
+  static int DrawProcessRandom();
   void SetRandomSourceForTesting(RandomSource source) { random_ = source; }
   IClock& clock() { return clock_; }
 
