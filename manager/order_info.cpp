@@ -45,14 +45,10 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
     m_mapLevelKeyToOrderData.SetAt(level_key, record);
     m_mapOrderIndex.SetAt(level_key, order_index);
   }
-  if (earlier != nullptr) {
-    // A record the registry already held under this key is replaced; it goes
-    // the way of every dropped record.
-    {
-      ScopedLock<CMutex> guard(m_mutexCleanup);
-      m_arrRetiredRecords.push_back(static_cast<CBaseData*>(earlier));
-    }
-    m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
+  if (earlier != nullptr && earlier != record) {
+    // A record the registry already held under this key is replaced; a
+    // parked order may still name it.
+    DropRecord(static_cast<CBaseData*>(earlier));
   }
   if (group_type == 2) {
     record->GetString(L"GroupPrefix");
@@ -88,16 +84,12 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
     m_mapListenedOrders.SetAt(level_key, listened);
   }
   if (earlier_listened != nullptr) {
-    // The order ended and was taken in again before its listened record was
-    // retired: that record would go on reporting every change a second time
-    // and would never be freed. It is retired now.
-    auto* record = static_cast<CBaseData*>(earlier_listened);
-    record->Disconnect();
-    {
-      ScopedLock<CMutex> guard(m_mutexCleanup);
-      m_arrRetiredRecords.push_back(record);
-    }
-    m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
+    // The order ended and was taken in again before timer 103: the earlier
+    // listened record stays connected and goes on reporting, out of every
+    // map; timer 103 retires the record the map holds now. Kept aside so
+    // that the object can let it go when it is destroyed.
+    ScopedLock<CMutex> guard(m_mutexCleanup);
+    m_arrDetachedListened.push_back(static_cast<CBaseData*>(earlier_listened));
   }
   LogFormat(L"ParseOrderInfo: Listen=%s", level_key);
 

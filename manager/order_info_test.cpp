@@ -209,6 +209,18 @@ TEST_F(OrderInfoTest, ChildThatHasATimerAlreadyKeepsIt) {
   EXPECT_FALSE(Logged(L"Timer Order: Interval=5000, LeftoverAction=1"));
 }
 
+TEST_F(OrderInfoTest, TimedChildOfAParentWithoutIntervalNeverGetsItsStep) {
+  // A type 2 parent without "Interval" keeps -2147483648 in its parameters;
+  // its children's timers are armed with it and, as on Windows, never fire.
+  TimedSlice(L"2,-2147483648,1");
+  Deliver(Order(L"C1"));
+  EXPECT_TRUE(Logged(L"Timer Order: Interval=-2147483648, LeftoverAction=1"));
+  Advance(100000);
+  EXPECT_TRUE(peer_.OrderToTimer().Contains(L"C1"));
+  EXPECT_FALSE(Logged(L"[Sliced Info] :C1, 2,-2147483648,1"));
+  EXPECT_TRUE(Sent(L"TRADE.CANCELORDER").empty());
+}
+
 TEST_F(OrderInfoTest, After2000TimedOrdersTheIdsWrapTo3001) {
   // A short interval: each order's step runs before the next order comes, so
   // the ids are handed out by the intake alone.
@@ -229,19 +241,51 @@ TEST_F(OrderInfoTest, After2000TimedOrdersTheIdsWrapTo3001) {
   EXPECT_EQ(key, L"C2001");
 }
 
-TEST_F(OrderInfoTest, OrderTakenInAgainAfterItEndedIsHeardOnce) {
-  // The host may deliver an order again (after renumbering its order set)
-  // once the order has ended and is no longer in the listened slice map.
-  IBaseData* order = Order(L"C1");
+TEST_F(OrderInfoTest, OrderTakenInAgainAfterItEndedIsHeardTwiceUntilTimer103ThenOnce) {
+  // A parent "P1" of slice "S1" that cuts its next slice when a child fills.
+  peer_.OrderData().SetAt(L"P1", CBaseData::FromCookie(Publish(L"order", {{L"LevelKey", T(L"P1")},
+                                                                          {L"SliceID", T(L"S1")},
+                                                                          {L"LeavesQty", I4(700)},
+                                                                          {L"SlicedType", I4(1)},
+                                                                          {L"DiscloseQty", I4(300)},
+                                                                          {L"SecurityType", T(L"F")},
+                                                                          {L"Symbol", T(L"QX.F.TW.TXF")}}),
+                                                       nullptr, &clock_));
+  peer_.OrderIndex().SetAt(L"P1", 0);
+  TimedSlice(L"1,5000,0");
+  IBaseData* order = Order(L"C1", {{L"OriginalQty", I4(300)}, {L"LeavesQty", I4(300)}, {L"CumQty", I4(0)},
+                                   {L"Symbol", T(L"QX.F.TW.TXF")}});
   Deliver(order);
-  peer_.ListenedSlice().RemoveKey(L"C1");
-  Deliver(order);
-  const size_t first = Logs().size();
-  sim::SimHost::Write(order, {{L"ExecType", I4(12)}});
+  // The host replaces the order itself: it is cleaned up (timer 103 in 10 s)
+  // and the host may deliver it again before that, after renumbering its
+  // order set.
+  sim::SimHost::Write(order, {{L"ExecType", I4(8)}, {L"ClientModify", I4(1)}});
   Advance(0);
-  size_t heard = 0;
-  for (const std::wstring& line : LogsSince(first)) heard += line == Log(L"OnDataUpdate : LevelKey=C1, SliceID=S1, ExecType=12");
-  EXPECT_EQ(heard, 1u);
+  sim::SimHost::Write(order, {{L"ExecType", I4(0)}, {L"ClientModify", I4(0)}});
+  Advance(0);
+  Deliver(order);
+  auto heard = [&](int32_t exec_type) {
+    const size_t first = Logs().size();
+    sim::SimHost::Write(order, {{L"ExecType", I4(exec_type)}});
+    Advance(0);
+    const std::wstring line = Log(CString::Formatted(L"OnDataUpdate : LevelKey=C1, SliceID=S1, ExecType=%ld",
+                                                     exec_type).wstr());
+    size_t count = 0;
+    for (const std::wstring& logged : LogsSince(first)) count += logged == line;
+    return count;
+  };
+  // The earlier listened record still reports, out of every map, and so
+  // does the new one.
+  EXPECT_EQ(heard(12), 2u);
+  // Timer 103 retires what the listened-order map holds: the new record.
+  Advance(10000);
+  EXPECT_EQ(heard(13), 1u);
+  // The fill is still heard, and the next slice follows it.
+  sim::SimHost::Write(order, {{L"ExecType", I4(3)}, {L"CumQty", I4(300)}, {L"LeavesQty", I4(0)}});
+  Advance(0);
+  EXPECT_TRUE(Logged(L"OnDataUpdate : Original LevelKey=P1"));
+  Advance(100);
+  EXPECT_EQ(Sent(L"TRADE.NEWORDER").size(), 1u);
 }
 
 }  // namespace

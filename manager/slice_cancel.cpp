@@ -29,6 +29,7 @@ bool CTradeSliceManager::TakeWaitingOrder(const CString& level_key) {
     if (!m_mapWaitOpenOrders.Lookup(level_key, slot)) return false;
     m_mapWaitOpenOrders.RemoveKey(level_key);
     wait = static_cast<stcWaitOrder*>(slot);
+    m_arrWaitsInHand.push_back(wait);
   }
   RetireWaitEntry(wait);
   return true;
@@ -78,7 +79,7 @@ void CTradeSliceManager::CancelSliceOrder(int32_t cookie, const CString& level_k
         void* slot = nullptr;
         if (m_mapLevelKeyToOrderData.Lookup(level_key, slot)) {
           m_mapLevelKeyToOrderData.RemoveKey(level_key);
-          delete static_cast<CBaseData*>(slot);
+          ReleaseRecord(static_cast<CBaseData*>(slot));
         }
         m_mapGroupCount.RemoveKey(level_key);
         m_mapSliceIDToLevelKey.RemoveKey(slice_id);
@@ -117,7 +118,7 @@ void CTradeSliceManager::CancelSliceOrder(int32_t cookie, const CString& level_k
           const CString cancel = CString::Formatted(L"REPORTID=%s", child);
           Log(L"Send CancelOrder :" + cancel);
           cancels.push_back(cancel);
-          delete child_record;
+          ReleaseRecord(child_record);
         }
       }
       for (const CString& cancel : cancels) SendTopic(L"TRADE.CANCELORDER", 1, 1, cancel, nullptr);
@@ -140,7 +141,7 @@ void CTradeSliceManager::CancelSliceOrder(int32_t cookie, const CString& level_k
     // An order with a per-order timer keeps its record for the timer's step.
     if (m_mapLevelKeyToOrderData.Lookup(level_key, slot) && timer_id.IsEmpty()) {
       m_mapLevelKeyToOrderData.RemoveKey(level_key);
-      delete static_cast<CBaseData*>(slot);
+      ReleaseRecord(static_cast<CBaseData*>(slot));
     }
     m_mapOrderIndex.RemoveKey(level_key);
     m_mapGroupCount.RemoveKey(level_key);

@@ -20,7 +20,7 @@ void CTradeSliceManager::KeepSliceOrder(int32_t cookie, int32_t order_index) {
             leftover_action, order_index);
   if (sliced_type < 1) {
     // Not a sliced order: neither kept nor freed here.
-    RetireUnkeptRecord(record);
+    DropRecord(record);
     return;
   }
 
@@ -34,9 +34,9 @@ void CTradeSliceManager::KeepSliceOrder(int32_t cookie, int32_t order_index) {
   auto register_parent = [&] {
     void* earlier = nullptr;
     if (m_mapLevelKeyToOrderData.Lookup(level_key, earlier) && earlier != nullptr && earlier != record) {
-      // The same level key kept again replaces the record; the one it replaces
-      // is no longer reachable and goes the way of every dropped record.
-      RetireUnkeptRecord(static_cast<CBaseData*>(earlier));
+      // The same level key kept again replaces the record; a parked order may
+      // still name the one it replaces.
+      DropRecord(static_cast<CBaseData*>(earlier));
     }
     m_mapLevelKeyToOrderData.SetAt(level_key, record);
     m_mapOrderIndex.SetAt(level_key, order_index);
@@ -87,20 +87,13 @@ void CTradeSliceManager::SliceOrder(int32_t cookie) {
   const CString level_key = record->GetString(L"LevelKey");
   Log(L"SliceOrder:" + level_key);
   if (sliced_type != 5) {
-    RetireUnkeptRecord(record);
+    DropRecord(record);
     return;
   }
   ScopedLock<CMutex> guard(m_mutexOrder);
   m_mapSliceAllSet.SetAt(slice_id, slice_id);
   DoSlicedAll(record);
   delete record;
-}
-
-void CTradeSliceManager::RetireUnkeptRecord(CBaseData* record) {
-  // The record is left alone by the handler; holding it no longer, the
-  // object lets it go through the retired records.
-  ScopedLock<CMutex> guard(m_mutexCleanup);
-  m_arrRetiredRecords.push_back(record);
 }
 
 }  // namespace tsm

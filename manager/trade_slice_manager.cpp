@@ -1,8 +1,9 @@
 #include "manager/trade_slice_manager.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <chrono>
 #include <mutex>
+#include <unordered_set>
 
 #include "platform/clock.h"
 
@@ -24,7 +25,7 @@ AbandonedRecords& Abandoned() {
 }  // namespace
 
 CTradeSliceManager::CTradeSliceManager(IClock* clock)
-    : clock_(clock != nullptr ? *clock : RealClock()), random_(&std::rand), m_timer(&clock_) {}
+    : clock_(clock != nullptr ? *clock : RealClock()), random_(&DrawProcessRandom), m_timer(&clock_) {}
 
 CTradeSliceManager::~CTradeSliceManager() {
   // Timer callbacks and the worker use the members below: end them first.
@@ -51,6 +52,8 @@ void CTradeSliceManager::AbandonRecords() {
   keep(m_pSecurityInfo);
   m_pSecurityInfo = nullptr;
   m_mapListenedOrders.ForEach([&](const CString&, void* r) { keep(static_cast<CBaseData*>(r)); });
+  for (CBaseData* record : m_arrDetachedListened) keep(record);
+  m_arrDetachedListened.clear();
   m_mapLevelKeyToOrderData.ForEach([&](const CString&, void* r) { keep(static_cast<CBaseData*>(r)); });
   m_mapVolumeWatch.ForEach([&](const CString&, void* e) {
     auto* entry = static_cast<VolumeWatchEntry*>(e);
@@ -68,6 +71,11 @@ void CTradeSliceManager::AbandonRecords() {
   for (stcWaitOrder* wait : m_arrReplacedWaits) keep_parked(wait);
   m_mapListenedOrders.RemoveAll();
   m_mapLevelKeyToOrderData.RemoveAll();
+  // A retired record still named by a wait entry is kept with it, not freed.
+  const std::unordered_set<CBaseData*> kept_set(kept.begin(), kept.end());
+  m_arrRetiredRecords.erase(std::remove_if(m_arrRetiredRecords.begin(), m_arrRetiredRecords.end(),
+                                           [&kept_set](CBaseData* record) { return kept_set.count(record) != 0; }),
+                            m_arrRetiredRecords.end());
   AbandonedRecords& abandoned = Abandoned();
   std::lock_guard<std::mutex> guard(abandoned.lock);
   abandoned.records.insert(abandoned.records.end(), kept.begin(), kept.end());
@@ -77,8 +85,34 @@ uint32_t CTradeSliceManager::AddRef() { return ++ref_count_; }
 
 uint32_t CTradeSliceManager::Release() {
   const uint32_t count = --ref_count_;
-  if (count == 0) delete this;
+  if (count == 0) ReleaseLastReference();
   return count;
+}
+
+void CTradeSliceManager::ReleaseLastReference() {
+  const bool on_own_callback = t_callback_of_ == this;
+  {
+    std::lock_guard<std::mutex> guard(m_lifeLock);
+    m_bClosing = true;
+  }
+  // A host that lets go between "ORDERSET.LOCK" and "ORDERSET.UNLOCK" never
+  // unlocks: its levels are given up here. A callback's own levels are its.
+  if (!on_own_callback) {
+    while (m_mutexOrder.LevelsHeldByCaller() > 0 && m_mutexOrder.Unlock()) {
+    }
+  }
+  std::unique_lock<std::mutex> life(m_lifeLock);
+  const int own = on_own_callback ? 1 : 0;
+  // A callback may wait in a host event for this very thread: the wait is
+  // bounded, and such a callback deletes the object when it ends.
+  m_lifeChanged.wait_for(life, std::chrono::milliseconds(kReleaseWaitMs),
+                         [this, own] { return m_nCallbacksRunning <= own; });
+  if (m_nCallbacksRunning > 0) {
+    m_bAbandoned = true;
+    return;
+  }
+  life.unlock();
+  delete this;
 }
 
 HResult CTradeSliceManager::Advise(INordaManagerEvents* sink, uint32_t* cookie) { return AdviseSink(sink, cookie); }

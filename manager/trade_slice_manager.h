@@ -20,8 +20,10 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string_view>
 #include <vector>
 
@@ -89,6 +91,10 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   HResult Advise(INordaManagerEvents* sink, uint32_t* cookie) override;
   HResult Unadvise(uint32_t cookie) override;
 
+  // The host's last Release waits this long (wall clock) for timer callbacks
+  // in progress before it returns; see ReleaseLastReference.
+  static constexpr int64_t kReleaseWaitMs = 3000;
+
   // Every log line starts with this.
   static constexpr std::wstring_view kLogPrefix = L"<CTradeSliceManager>";
 
@@ -132,9 +138,12 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   void BuildSessionTable(const CString& security_key, const CString& text);
   int32_t CheckOpenCloseTime(CBaseData* order, const CString& symbol_id);
 
-  // The random draw of the slice size: the C runtime's rand() unless a test
+  // The random draw of the slice size: DrawProcessRandom unless a test
   // steers it.
   using RandomSource = int (*)();
+  // One generator for the whole process on every build, 0 to 32767 per draw,
+  // never seeded: the draws of every thread continue one sequence.
+  static int DrawProcessRandom();
   void SetRandomSourceForTesting(RandomSource source) { random_ = source; }
   IClock& clock() { return clock_; }
 
@@ -143,6 +152,13 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   struct WorkerShared;
 
   void OnOrderSetUnlock();
+  // The host let go. Callbacks that start from now on do nothing; a host
+  // thread still holding the order mutex from "ORDERSET.LOCK" lets it go, so
+  // that callbacks waiting for it can end. The object is deleted here once no
+  // callback of another thread runs, waiting at most kReleaseWaitMs;
+  // otherwise (and when the last release comes from inside a callback) the
+  // last callback to end deletes it. Nothing is deleted under a callback.
+  void ReleaseLastReference();
   void StartVolumeWorker();
   void CloseWorkerEvent();
   void WakeVolumeWorker();
@@ -159,12 +175,23 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   void OnChildOrderUpdate(CBaseData* record);
   void CleanUpChild(CBaseData* record, const CString& level_key);
   int32_t NextOrderTimerId();  // under the timer mutex
-  // Frees a wait entry taken out of m_mapWaitOpenOrders; its record, when the
-  // registry does not hold it, goes to the retired records.
+  // Records have one owner each; a wait entry only borrows the record it
+  // names (docs/architecture.md, "Lifetimes"). The three calls below are the
+  // only ways a record is let go of.
+  //
+  // Frees a wait entry taken out of m_mapWaitOpenOrders (and put in
+  // m_arrWaitsInHand); its record, when the registry does not hold it, is
+  // dropped.
   void RetireWaitEntry(stcWaitOrder* wait);
-  // A record a handler leaves alone (neither kept nor deleted) is handed to
-  // the retired records, to be freed by timer 104 or with the object.
-  void RetireUnkeptRecord(CBaseData* record);
+  // The owner lets go of `record`: deleted at once unless a wait entry
+  // borrows it, then dropped instead.
+  void ReleaseRecord(CBaseData* record);
+  // Hands `record` to the retired records (once) and arms timer 104, which
+  // frees it when no wait entry borrows it any more.
+  void DropRecord(CBaseData* record);
+  // Whether a wait entry (parked, replaced or in hand) names `record`;
+  // under m_csWaitOpenOrders.
+  bool IsBorrowed(const CBaseData* record) const;
   // Removes and frees the wait entry of `level_key`; true when there was one.
   bool TakeWaitingOrder(const CString& level_key);
   // Records still held at destruction are not deleted; they are disconnected
@@ -174,6 +201,14 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   IClock& clock_;
   RandomSource random_;
   std::atomic<uint32_t> ref_count_{0};
+
+  // Timer callbacks against the host's last release.
+  std::mutex m_lifeLock;                  // guards the three below
+  std::condition_variable m_lifeChanged;  // a callback ended
+  int m_nCallbacksRunning = 0;
+  bool m_bClosing = false;    // the host let go: no new callback work
+  bool m_bAbandoned = false;  // the last callback to end deletes the object
+  static thread_local const CTradeSliceManager* t_callback_of_;  // whose callback this thread runs
 
   // Members in the order the object declares them.
   CTimer m_timer;
@@ -193,7 +228,7 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   CMutex m_mutexOrder;       // the order registry (see the maps); held across ORDERSET.LOCK/UNLOCK
   CMutex m_mutexSlice;       // m_arrSendQueue, m_arrFinishLevelKeys, m_mapCancelledSlices, m_mapSliceToListened
   CMutex m_mutexVolume;      // m_mapVolumeWatch, m_mapStartVolume
-  CMutex m_mutexCleanup;     // m_arrCleanup, m_mapListenedOrders (retirement), m_arrRetiredRecords
+  CMutex m_mutexCleanup;     // m_arrCleanup, m_mapListenedOrders (retirement), m_arrRetiredRecords, m_arrDetachedListened
   CMutex m_mutexTimer;       // m_mapTimerToOrder, m_mapOrderToTimer, m_nOrderTimerId
   CMutex m_mutexSliceAll;    // m_mapSliceAllBatches, m_nSliceAllTimerId
   CMutex m_mutexGroup;       // m_mapGroupReport
@@ -204,6 +239,7 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   CStringArray m_arrCleanup;            // keys into m_mapListenedOrders for timer 103
   CStringArray m_arrDueWaitOrders;      // waiting orders due, for timer 105
   std::vector<CBaseData*> m_arrRetiredRecords;  // disconnected records timer 104 frees
+  std::vector<CBaseData*> m_arrDetachedListened;  // listened records replaced by a second intake; still reporting
   COakMapStringToVal m_mapOrderIndex;   // level key -> index in the host's order set
   COakMapStringToVal m_mapSpareValue;   // sized at stage 1; nothing reads or writes it
   COakMapStringToVal m_mapGroupCount;   // parent level key -> its children of group type 2
@@ -231,6 +267,7 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   int32_t m_nOrderTimerId = 3000;       // last per-order timer id
   int32_t m_nSliceAllTimerId = 1000;    // last slice-all batch timer id
   std::vector<stcWaitOrder*> m_arrReplacedWaits;  // wait entries replaced by a later parking; under m_csWaitOpenOrders
+  std::vector<stcWaitOrder*> m_arrWaitsInHand;    // taken out of m_mapWaitOpenOrders, not yet freed; same lock
   std::vector<CStringArray*> m_arrDroppedBatches;  // overwritten unsent batches; under m_mutexSliceAll
 };
 

@@ -51,6 +51,28 @@ stcOCTime ParseSession(const CString& text) {
   return {WToL(open.wstr()), WToL(close.wstr())};
 }
 
+// The session text of a filled document: the security's own "OpenCloseTime",
+// else the product's.
+template <typename Value, typename Iterator>
+CString OpenCloseTimeOf(const Value& security, Iterator product, Iterator end) {
+  CString text;
+  if (security.IsObject()) {
+    auto member = security.FindMember("OpenCloseTime");
+    if (member != security.MemberEnd() && member->value.IsString()) {
+      text = CString(FromSystemCodePage(std::string(member->value.GetString(), member->value.GetStringLength())));
+    }
+  }
+  if (text.IsEmpty() && product != end && product->value.IsObject()) {
+    auto member = product->value.FindMember("OpenCloseTime");
+    if (member != product->value.MemberEnd() && member->value.IsString()) {
+      // This one is read as UTF-8, the other through the code page: the two
+      // conversions differ on purpose.
+      text = CString::FromUtf8(std::string_view(member->value.GetString(), member->value.GetStringLength()));
+    }
+  }
+  return text;
+}
+
 }  // namespace
 
 CString SecurityKeyOf(const CString& symbol_id) { return KeyOf(symbol_id, 4); }
@@ -104,24 +126,11 @@ void CTradeSliceManager::InitSecurityInfo(const CString& symbol_id) {
   auto security = document.FindMember(narrow_security.c_str());
   // No fall-back to the product key when the security is absent: deliberate.
   if (security == document.MemberEnd()) return;
-  if (initialised()) return;
+  // A security another thread initialised meanwhile gets no text here, but
+  // the line below is written in every case.
   CString text;
-  if (security->value.IsObject()) {
-    auto member = security->value.FindMember("OpenCloseTime");
-    if (member != security->value.MemberEnd() && member->value.IsString()) {
-      text = CString(FromSystemCodePage(std::string(member->value.GetString(), member->value.GetStringLength())));
-    }
-  }
-  if (text.IsEmpty()) {
-    auto product = document.FindMember(narrow_product.c_str());
-    if (product != document.MemberEnd() && product->value.IsObject()) {
-      auto member = product->value.FindMember("OpenCloseTime");
-      if (member != product->value.MemberEnd() && member->value.IsString()) {
-        // This one is read as UTF-8, the other through the code page: the
-        // two conversions differ on purpose.
-        text = CString::FromUtf8(std::string_view(member->value.GetString(), member->value.GetStringLength()));
-      }
-    }
+  if (!initialised()) {
+    text = OpenCloseTimeOf(security->value, document.FindMember(narrow_product.c_str()), document.MemberEnd());
   }
   LogFormat(L"OpenCloseTime:%s, %s.", security_key, text);
   if (!text.IsEmpty()) BuildSessionTable(security_key, text);

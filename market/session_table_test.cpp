@@ -276,6 +276,20 @@ TEST_F(SessionTableTest, FilledDocumentWinsOverAnEntryTheHostAddedMeanwhile) {
   EXPECT_EQ(Table(kSecurity), (std::vector<stcOCTime>{{930, 1130}}));
 }
 
+TEST_F(SessionTableTest, SecurityInitialisedMeanwhileStillLogsTheOpenCloseTimeLine) {
+  StartWithVaultMode(1);
+  host_.SetVaultAnswer("{\"QX.F.CN.IF2612\":{\"OpenCloseTime\":\"09:30~11:30\"}}", L"OK");
+  // Another thread builds the security's table while the host answers.
+  host_.on_send = [this](const std::wstring& topic, int32_t, int32_t, const std::wstring&, Variant*, Variant*) {
+    if (topic == L"MARZIPAN.REQUEST") manager_->BuildSessionTable(kSecurity, L"21:00~23:00");
+  };
+  Init();
+  // The line is written with no text found, and the table built meanwhile
+  // is left as it is.
+  EXPECT_EQ(Logs(), (std::vector<std::wstring>{Log(L"OpenCloseTime:QX.F.CN.IF2612, .")}));
+  EXPECT_EQ(Table(kSecurity), (std::vector<stcOCTime>{{2100, 2300}}));
+}
+
 TEST_F(SessionTableTest, DocumentWithoutTheSecurityDoesNotFallBackToTheProduct) {
   StartWithVaultMode(1);
   host_.SetVaultAnswer("{\"QX.F.CN\":{\"OpenCloseTime\":\"09:30~11:30\"}}", L"OK");

@@ -1,9 +1,28 @@
 // Slice sizing: the disclosed size, widened by a random amount of up to
 // "Variance" percent, rounded down to the instrument's trading lot for the
 // order's side.
+#include <atomic>
+
 #include "manager/trade_slice_manager.h"
 
 namespace tsm {
+
+namespace {
+// The state of the process's generator, as an unseeded C runtime starts it.
+std::atomic<uint32_t> g_random_state{1};
+}  // namespace
+
+int CTradeSliceManager::DrawProcessRandom() {
+  // The linear congruential step of the C runtime whose rand() yields 15
+  // bits. glibc's rand() yields 31 bits, and the Windows C runtime keeps its
+  // state per thread, so neither is used.
+  uint32_t state = g_random_state.load(std::memory_order_relaxed);
+  uint32_t next;
+  do {
+    next = state * 214013u + 2531011u;
+  } while (!g_random_state.compare_exchange_weak(state, next, std::memory_order_relaxed));
+  return static_cast<int>((next >> 16) & 0x7fffu);
+}
 
 int32_t CTradeSliceManager::ComputeSliceQty(CBaseData* parent) {
   const int32_t disclose = parent->GetLong(L"DiscloseQty", 0);

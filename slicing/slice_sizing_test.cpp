@@ -1,3 +1,7 @@
+#include <algorithm>
+#include <thread>
+#include <vector>
+
 #include "testing/manager_fixture.h"
 
 namespace tsm {
@@ -15,6 +19,44 @@ class SliceSizingTest : public ManagerTest {
 
   int32_t Size(const sim::FieldList& fields) { return manager_->ComputeSliceQty(Bound(fields)); }
 };
+
+// A manager left with the generator it is built with. A spread of 1,000,000
+// is wider than any draw, so the size less the disclosed size is the draw.
+class RealDrawTest : public SliceSizingTest {
+ protected:
+  static constexpr int32_t kDisclose = 1000000;
+  CTradeSliceManager own_{&clock_};
+  CBaseData* parent_ = Bound({{L"DiscloseQty", Variant::I4(kDisclose)}, {L"Variance", Variant::I4(100)}});
+
+  int32_t Draw() { return own_.ComputeSliceQty(parent_) - kDisclose; }
+};
+
+TEST_F(RealDrawTest, DrawsStayWithin0To32767) {
+  int32_t largest = -1;
+  for (int i = 0; i < 20000; ++i) {
+    const int32_t r = Draw();
+    ASSERT_GE(r, 0);
+    ASSERT_LE(r, 32767);
+    largest = std::max(largest, r);
+  }
+  // The whole range is used, not a narrower one.
+  EXPECT_GT(largest, 32000);
+}
+
+TEST_F(RealDrawTest, DrawsOnTwoTimerThreadsContinueOneSequence) {
+  // Each new thread draws eight: with a generator kept per thread both would
+  // start the same sequence.
+  auto eight_on_a_new_thread = [this] {
+    std::vector<int32_t> draws;
+    std::thread([&] {
+      for (int i = 0; i < 8; ++i) draws.push_back(Draw());
+    }).join();
+    return draws;
+  };
+  const std::vector<int32_t> first = eight_on_a_new_thread();
+  const std::vector<int32_t> second = eight_on_a_new_thread();
+  EXPECT_NE(first, second);
+}
 
 TEST_F(SliceSizingTest, WorkedExampleRoundsToTheBuyLot) {
   manager_->SetRandomSourceForTesting(&Draw12345);

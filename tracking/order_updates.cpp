@@ -50,18 +50,26 @@ void CTradeSliceManager::OnDataUpdate(CBaseData* record, int32_t /*update_id*/, 
 void CTradeSliceManager::OnQuoteUpdate(const CString& name) {
   ScopedLock<CMutex> volume_guard(m_mutexVolume);
   ScopedLock<CMutex> queue_guard(m_mutexVolumeCheck);
-  if (m_mapVolumeCheck.Contains(name)) return;
-  m_arrVolumeCheck.push_back(name);
-  m_mapVolumeCheck.SetAt(name, name);
+  // A symbol already queued is not queued twice, but the worker is woken
+  // all the same: a wake-up set while the worker's round was running is
+  // lost when the round resets the event, and only this change of the same
+  // symbol can bring it back.
+  if (!m_mapVolumeCheck.Contains(name)) {
+    m_arrVolumeCheck.push_back(name);
+    m_mapVolumeCheck.SetAt(name, name);
+  }
   WakeVolumeWorker();
 }
 
 void CTradeSliceManager::OnSystemTimeUpdate() {
-  std::vector<std::pair<CString, stcWaitOrder*>> waiting;
+  // The open times are copied with the keys: timer 105 or a cancel may free
+  // an entry as soon as the lock is released.
+  std::vector<std::pair<CString, int32_t>> waiting;
   {
     ScopedLock<CCriticalSection> guard(m_csWaitOpenOrders);
-    m_mapWaitOpenOrders.ForEach(
-        [&](const CString& key, void* wait) { waiting.emplace_back(key, static_cast<stcWaitOrder*>(wait)); });
+    m_mapWaitOpenOrders.ForEach([&](const CString& key, void* wait) {
+      waiting.emplace_back(key, static_cast<stcWaitOrder*>(wait)->nOpenTime);
+    });
   }
   CBaseData* system_time = m_pSystemTime.load();
   if (system_time == nullptr) return;
@@ -86,8 +94,7 @@ void CTradeSliceManager::OnSystemTimeUpdate() {
 
   CStringArray due;
   int64_t delay = 1;
-  for (const auto& [key, wait] : waiting) {
-    const int32_t open = wait->nOpenTime;
+  for (const auto& [key, open] : waiting) {
     if (!(open > time_of_day && open < upper_bound)) continue;
     due.push_back(key);
     LogFormat(L"OnDataUpdate : LevelKey=%s, %ld, %ld", key, open, upper_bound);

@@ -1,5 +1,9 @@
+#include <functional>
+#include <mutex>
+
 #include "manager/trade_slice_manager.h"
 #include "testing/manager_fixture.h"
+#include "testing/read_counting_object.h"
 
 namespace tsm {
 namespace {
@@ -381,6 +385,57 @@ TEST_F(SystemTimeTest, OrdersOpeningAtOrBeforeTheSystemTimeOrAMinuteLaterAreNotD
   SystemTime(20261123, 92950, 0);
   EXPECT_TRUE(peer_.DueWaitOrders().empty());
   EXPECT_FALSE(Logged(L"OnDataUpdate : LevelKey=W1, 92950, 93050"));
+}
+
+class SystemTimeRaceTest : public SystemTimeTest {
+ protected:
+  void SetUp() override {
+    IBaseData* record = sim::SimHost::NewRecord(L"NordaSystemTime");
+    auto* hook = new ReadCountingObject(record);
+    record->Release();  // the hook holds it now
+    // Once armed, the first read of "SystemDate" runs `on_system_date_`.
+    hook->on_read = [this](const Variant& argument) {
+      if (argument.type() != VarType::BStr || argument.text() != L"SystemDate") return;
+      std::function<void()> run;
+      {
+        std::lock_guard<std::mutex> guard(hook_lock_);
+        run.swap(on_system_date_);
+      }
+      if (run) run();
+    };
+    host_.SetTopicRecord(L"NordaSystemTime", hook);
+    hook->Release();  // the host holds the hook
+    Start();
+  }
+
+  std::mutex hook_lock_;  // guards on_system_date_
+  std::function<void()> on_system_date_;
+};
+
+TEST_F(SystemTimeRaceTest, WaitEntryCancelledWhileTheSystemTimeIsReadIsNotReadAfterwards) {
+  Parked(L"W1", 93000);
+  Parked(L"W2", 93010);
+  // The host cancels W1 after the handler has looked at the parked orders
+  // and before it compares their open times.
+  IBaseData* request = Record(L"order", {{L"LevelKey", T(L"W1")}, {L"SliceID", T(L"S9")}});
+  const uint32_t cookie = host_.Publish(request);
+  {
+    std::lock_guard<std::mutex> guard(hook_lock_);
+    on_system_date_ = [this, cookie] {
+      Variant data = Variant::I4(static_cast<int32_t>(cookie));
+      manager_->SetTopic(L"TRADE.SLICE.MANAGER.CANCEL", 1, 1, L"W1", &data);
+    };
+  }
+  SystemTime(20261123, 92950, 0);
+
+  EXPECT_FALSE(peer_.WaitOpenOrders().Contains(L"W1"));
+  // Both were waiting when the handler looked: both are due, with the open
+  // times they had then. Timer 105 finds W1 gone and serves W2 alone.
+  EXPECT_TRUE(Logged(L"OnDataUpdate : LevelKey=W1, 93000, 93050"));
+  EXPECT_TRUE(Logged(L"OnDataUpdate : LevelKey=W2, 93010, 93050"));
+  Advance(11000);
+  EXPECT_FALSE(peer_.OrderToTimer().Contains(L"W1"));
+  EXPECT_TRUE(peer_.OrderToTimer().Contains(L"W2"));
 }
 
 }  // namespace

@@ -5,6 +5,9 @@
 // per-order step work under the order mutex.
 #include "manager/trade_slice_manager.h"
 
+#include <algorithm>
+#include <unordered_set>
+
 namespace tsm {
 
 namespace {
@@ -18,10 +21,33 @@ bool IsFinalExecType(int32_t exec_type) {
 }
 }  // namespace
 
+thread_local const CTradeSliceManager* CTradeSliceManager::t_callback_of_ = nullptr;
+
 void CTradeSliceManager::OnTimerTick(unsigned id, void* context) {
   auto* self = static_cast<CTradeSliceManager*>(context);
   self->m_timer.StopTimer(id);
-  self->OnTimer(id);
+  {
+    std::lock_guard<std::mutex> guard(self->m_lifeLock);
+    if (self->m_bClosing) return;  // the host has let go: no new work
+    ++self->m_nCallbacksRunning;
+  }
+  const CTradeSliceManager* outer = t_callback_of_;
+  t_callback_of_ = self;
+  try {
+    self->OnTimer(id);
+  } catch (...) {
+    // Counted out below all the same; the timer service ignores it.
+  }
+  t_callback_of_ = outer;
+  bool last_of_abandoned;
+  {
+    std::lock_guard<std::mutex> guard(self->m_lifeLock);
+    --self->m_nCallbacksRunning;
+    last_of_abandoned = self->m_bAbandoned && self->m_nCallbacksRunning == 0;
+    self->m_lifeChanged.notify_all();
+  }
+  // The host's last release left the object to its last callback.
+  if (last_of_abandoned) delete self;
 }
 
 void CTradeSliceManager::OnTimer(unsigned id) {
@@ -92,7 +118,7 @@ void CTradeSliceManager::EndOfSlicing() {
       m_mutexOrder.Unlock();
       Variant cookie = Variant::I4(static_cast<int32_t>(parent->GetCookie()));
       SendTopic(L"TRADE.TRANSFER.POSITION", 1, 1, CString(), &cookie);
-      delete parent;
+      ReleaseRecord(parent);
     } else if (m_mapFinishLevelKey.Contains(key)) {
       Log(L"[Sliced Send End order] m_mapFinishLevelKey exist.");
       m_mutexOrder.Unlock();
@@ -106,7 +132,7 @@ void CTradeSliceManager::EndOfSlicing() {
       m_mutexOrder.Unlock();
       Variant cookie = Variant::I4(static_cast<int32_t>(parent->GetCookie()));
       SendTopic(L"TRADE.HOT.MONTH", 1, 1, CString::Formatted(L"%ld", index), &cookie);
-      if (sliced_type != 5) delete parent;
+      if (sliced_type != 5) ReleaseRecord(parent);
     }
   }
 }
@@ -135,10 +161,26 @@ void CTradeSliceManager::RetireRecords() {
 }
 
 void CTradeSliceManager::FreeRetiredRecords() {
-  ScopedLock<CMutex> guard(m_mutexCleanup);
-  for (CBaseData* record : m_arrRetiredRecords) delete record;
-  m_arrRetiredRecords.clear();
-  m_arrRetiredRecords.shrink_to_fit();
+  // A record still named by a wait entry waits for a later round: the entry's
+  // retirement arms this timer again. Nothing new can borrow a retired
+  // record, as only registered and fresh records are ever parked.
+  std::unordered_set<const CBaseData*> borrowed;
+  {
+    ScopedLock<CCriticalSection> guard(m_csWaitOpenOrders);
+    auto add = [&borrowed](const stcWaitOrder* wait) { borrowed.insert(wait->pOrder); };
+    m_mapWaitOpenOrders.ForEach([&](const CString&, void* wait) { add(static_cast<stcWaitOrder*>(wait)); });
+    for (const stcWaitOrder* wait : m_arrReplacedWaits) add(wait);
+    for (const stcWaitOrder* wait : m_arrWaitsInHand) add(wait);
+  }
+  std::vector<CBaseData*> freeing;
+  {
+    ScopedLock<CMutex> guard(m_mutexCleanup);
+    std::vector<CBaseData*> kept;
+    for (CBaseData* record : m_arrRetiredRecords) (borrowed.count(record) != 0 ? kept : freeing).push_back(record);
+    m_arrRetiredRecords.swap(kept);
+    m_arrRetiredRecords.shrink_to_fit();
+  }
+  for (CBaseData* record : freeing) delete record;
 }
 
 int32_t CTradeSliceManager::NextOrderTimerId() {
@@ -146,26 +188,64 @@ int32_t CTradeSliceManager::NextOrderTimerId() {
   return m_nOrderTimerId;
 }
 
+bool CTradeSliceManager::IsBorrowed(const CBaseData* record) const {
+  bool found = false;
+  m_mapWaitOpenOrders.ForEach([&](const CString&, void* wait) {
+    found = found || static_cast<const stcWaitOrder*>(wait)->pOrder == record;
+  });
+  auto names = [record](const stcWaitOrder* wait) { return wait->pOrder == record; };
+  return found || std::any_of(m_arrReplacedWaits.begin(), m_arrReplacedWaits.end(), names) ||
+         std::any_of(m_arrWaitsInHand.begin(), m_arrWaitsInHand.end(), names);
+}
+
+void CTradeSliceManager::ReleaseRecord(CBaseData* record) {
+  if (record == nullptr) return;
+  bool borrowed;
+  {
+    ScopedLock<CCriticalSection> guard(m_csWaitOpenOrders);
+    borrowed = IsBorrowed(record);
+  }
+  // The owner has taken it out of every map, so no new borrower can appear.
+  if (borrowed) {
+    DropRecord(record);
+  } else {
+    delete record;
+  }
+}
+
+void CTradeSliceManager::DropRecord(CBaseData* record) {
+  if (record == nullptr) return;
+  {
+    ScopedLock<CMutex> guard(m_mutexCleanup);
+    // A record dropped by its owner and then by the wait entry that borrowed
+    // it is listed once.
+    if (std::find(m_arrRetiredRecords.begin(), m_arrRetiredRecords.end(), record) == m_arrRetiredRecords.end()) {
+      m_arrRetiredRecords.push_back(record);
+    }
+  }
+  m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
+}
+
 void CTradeSliceManager::RetireWaitEntry(stcWaitOrder* wait) {
   if (wait == nullptr) return;
   CBaseData* record = wait->pOrder;
-  bool registered = false;
   {
+    // Under the order mutex the registry cannot let go of the record between
+    // the look-up and the entry ceasing to borrow it.
     ScopedLock<CMutex> guard(m_mutexOrder);
     void* slot = nullptr;
-    registered = m_mapLevelKeyToOrderData.Lookup(wait->strLevelKey, slot) && slot == record;
+    const bool registered = m_mapLevelKeyToOrderData.Lookup(wait->strLevelKey, slot) && slot == record;
+    {
+      ScopedLock<CCriticalSection> wait_guard(m_csWaitOpenOrders);
+      m_arrWaitsInHand.erase(std::remove(m_arrWaitsInHand.begin(), m_arrWaitsInHand.end(), wait),
+                             m_arrWaitsInHand.end());
+    }
+    // A parked record the registry does not hold is either owned by the entry
+    // (a parent never registered) or already dropped by the registry: it
+    // leaves through the retired records either way.
+    if (record != nullptr && !registered) DropRecord(record);
   }
   delete wait;
-  // A parked record that the registry does not hold has no other owner: it
-  // leaves through the retirement path.
-  if (record != nullptr && !registered) {
-    {
-      ScopedLock<CMutex> guard(m_mutexCleanup);
-      record->Disconnect();
-      m_arrRetiredRecords.push_back(record);
-    }
-    m_timer.StartTimer(kTimerFree, 10000, &OnTimerTick, this);
-  }
 }
 
 void CTradeSliceManager::RetryWaitingOrders() {
@@ -180,6 +260,7 @@ void CTradeSliceManager::RetryWaitingOrders() {
     void* slot = nullptr;
     if (m_mapWaitOpenOrders.Lookup(key, slot)) {
       taken.push_back(static_cast<stcWaitOrder*>(slot));
+      m_arrWaitsInHand.push_back(taken.back());
       m_mapWaitOpenOrders.RemoveKey(key);
     }
   }
@@ -253,7 +334,7 @@ void CTradeSliceManager::OrderStep(unsigned id) {
           }
           if (exec_type == 8) {
             m_mapLevelKeyToOrderData.RemoveKey(key);
-            delete record;
+            ReleaseRecord(record);
           }
         }
       }

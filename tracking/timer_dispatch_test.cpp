@@ -435,6 +435,97 @@ TEST_F(TimerDispatchTest, StepOfAChildWhoseParentIsGoneLogsItAndStillAppliesTheL
   EXPECT_EQ(Sent(L"TRADE.CANCELORDER").size(), 1u);
 }
 
+// A timed child "C1" taken in through the host, parked by its step while its
+// session is closed, ended by the host's own replacement and delivered again
+// (a replacement carries ClientModifyNew, so it gets no step of its own).
+// The wait entry still names the record the registry held when it parked.
+class ParkedRecordTest : public TimerDispatchTest {
+ protected:
+  void ParkEndAndDeliverAgain() {
+    Parent(2, 1);
+    CloseSessionsOf(kSymbol);
+    child_ = Record(L"order", {{L"LevelKey", T(L"C1")},
+                               {L"SliceID", T(L"S1")},
+                               {L"SlicedType", I4(0)},
+                               {L"ExecType", I4(0)},
+                               {L"OriginalQty", I4(300)},
+                               {L"CumQty", I4(100)},
+                               {L"Symbol", T(kSymbol)}});
+    Deliver();
+    Advance(5000);  // the step parks it
+    ASSERT_TRUE(peer_.WaitOpenOrders().Contains(L"C1"));
+    sim::SimHost::Write(child_, {{L"ExecType", I4(8)}, {L"ClientModify", I4(1)}});
+    Advance(0);
+    sim::SimHost::Write(child_, {{L"ExecType", I4(0)}, {L"ClientModify", I4(0)}, {L"ClientModifyNew", I4(1)}});
+    Deliver();
+    // Long enough for timer 104 to have run on what the second delivery dropped.
+    Advance(25000);
+    OpenSessionsOf(kSymbol);
+    host_.ClearEvents();
+  }
+
+  void Deliver() {
+    Topic(L"TRADE.HOT.MONTH", 0, 0, L"3", I4(static_cast<int32_t>(host_.Publish(child_))));
+  }
+
+  void OpenSessionsOf(const wchar_t* symbol) {
+    void* table = nullptr;
+    peer_.SessionTimes().Lookup(symbol, table);
+    *static_cast<std::vector<stcOCTime>*>(table) = {{900, 1500}};
+  }
+
+  IBaseData* child_ = nullptr;
+};
+
+TEST_F(ParkedRecordTest, ParkedChildTakenInAgainIsReleasedWhenItsSessionOpens) {
+  ParkEndAndDeliverAgain();
+  peer_.DueWaitOrders() = {L"C1"};
+  Arm(CTradeSliceManager::kTimerWaitOrders, 2000);
+  Advance(2000);
+  EXPECT_TRUE(Logged(L"Timer Order: C1, 3002"));
+  EXPECT_FALSE(peer_.WaitOpenOrders().Contains(L"C1"));
+  Advance(50);
+  // The step works on the record taken in last: next slice, then the
+  // leftover action on the child.
+  EXPECT_EQ(Sent(L"TRADE.NEWORDER").size(), 1u);
+  const auto cancels = Sent(L"TRADE.CANCELORDER");
+  ASSERT_EQ(cancels.size(), 1u);
+  EXPECT_EQ(cancels[0].text, L"REPORTID=C1");
+  // Everything dropped on the way is freed once nothing names it.
+  Advance(20000);
+  EXPECT_TRUE(peer_.RetiredRecords().empty());
+}
+
+TEST_F(ParkedRecordTest, ParkedChildTakenInAgainCanBeCancelled) {
+  ParkEndAndDeliverAgain();
+  IBaseData* request = Record(L"order", {{L"LevelKey", T(L"C1")}, {L"SliceID", T(L"S1")}, {L"ExecType", I4(0)}});
+  Topic(L"TRADE.SLICE.MANAGER.CANCEL", 1, 1, L"C1", I4(static_cast<int32_t>(host_.Publish(request))));
+  EXPECT_FALSE(peer_.WaitOpenOrders().Contains(L"C1"));
+  EXPECT_TRUE(Logged(L"CancelSliceOrder:C1, , 0, 0, 1"));
+  const auto cancels = Sent(L"TRADE.PRICE.TRIGGER.CANCEL");
+  ASSERT_EQ(cancels.size(), 1u);
+  EXPECT_EQ(cancels[0].text, L"LevelKey=C1");
+  Advance(20000);
+  EXPECT_TRUE(peer_.RetiredRecords().empty());
+}
+
+TEST_F(ParkedRecordTest, RecordDroppedWhileParkedIsFreedOnlyAfterItsWaitEntry) {
+  ParkEndAndDeliverAgain();
+  // The record the first delivery registered is still named by the wait
+  // entry, so it has not been freed; it is once the entry goes.
+  void* slot = nullptr;
+  ASSERT_TRUE(peer_.WaitOpenOrders().Lookup(L"C1", slot));
+  CBaseData* parked = static_cast<stcWaitOrder*>(slot)->pOrder;
+  void* registered = nullptr;
+  ASSERT_TRUE(peer_.OrderData().Lookup(L"C1", registered));
+  EXPECT_NE(registered, parked);
+  EXPECT_EQ(parked->GetString(L"LevelKey"), L"C1");
+  peer_.DueWaitOrders() = {L"C1"};
+  Arm(CTradeSliceManager::kTimerWaitOrders, 2000);
+  Advance(2000 + 10000);
+  EXPECT_TRUE(peer_.RetiredRecords().empty());
+}
+
 TEST_F(TimerDispatchTest, StepOutsideTheSessionParksTheChild) {
   Parent(2, 1);
   TimedChild(0);

@@ -76,7 +76,8 @@ void CTradeSliceManager::VolumeWorkerBody(std::shared_ptr<WorkerShared> shared) 
     // checking under this mutex could deadlock against it.
     for (const CString& symbol : symbols) self->VolumeCheck(symbol);
     // Reset only after the checks: a wake-up set meanwhile is lost until the
-    // next quote change. That ordering is the required one.
+    // next quote change (of any symbol, the queued one included: a change of
+    // a queued symbol wakes the worker too). That ordering is the required one.
     shared->event.Reset();
     shared->rounds_done.fetch_add(1);
     if (self->m_nRunning == 0) return;
