@@ -18,9 +18,13 @@
 #include <vector>
 
 #include "platform/process_memory.h"
+#include "slicehost/bench.h"
+#include "slicehost/demo_scenario.h"
+#include "slicehost/parent_summary.h"
+#include "slicehost/player.h"
 #include "slicehost/report.h"
-#include "slicehost/runner.h"
 #include "slicehost/scenario.h"
+#include "slicehost/timeline.h"
 #include "slicehost/transcript.h"
 
 namespace {

@@ -5,6 +5,8 @@
 #include <vector>
 
 #include "data/text.h"
+#include "slicehost/parent_summary.h"
+#include "slicehost/timeline.h"
 #include "slicehost/transcript.h"
 
 namespace tsm::sim {

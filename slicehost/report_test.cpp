@@ -4,7 +4,10 @@
 
 #include <string>
 
+#include "slicehost/parent_summary.h"
+#include "slicehost/player.h"
 #include "slicehost/scenario.h"
+#include "slicehost/timeline.h"
 
 namespace tsm::sim {
 namespace {

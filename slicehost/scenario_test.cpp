@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "slicehost/runner.h"
+#include "slicehost/demo_scenario.h"
 
 namespace tsm::sim {
 namespace {

@@ -9,8 +9,8 @@
 
 #include <rapidjson/document.h>
 
-#include "slicehost/runner.h"
 #include "data/text.h"
+#include "slicehost/player.h"
 #include "slicehost/scenario.h"
 
 namespace tsm::sim {

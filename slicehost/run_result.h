@@ -1,0 +1,53 @@
+// What a played scenario leaves behind: every event of the run, and per
+// parent what the scenario entered, the orders the exchange worked for it and
+// how its unfilled quantity went down.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "slicehost/exchange.h"
+#include "slicehost/sim_host.h"
+
+namespace tsm::sim {
+
+// A parent order as the scenario entered it.
+struct ParentInfo {
+  std::wstring level_key;
+  std::wstring slice_id;
+  std::wstring symbol;
+  int32_t sliced_type = 0;
+  int32_t qty = 0;        // "OrderQty" (or "LeavesQty") when it was entered
+  int64_t submit_ms = -1;
+};
+
+// One order the exchange worked for a parent, from send to end.
+struct ChildSpan {
+  std::wstring level_key;
+  int32_t qty = 0;
+  int64_t start_ms = 0;
+  int64_t end_ms = -1;     // -1: still working when the run ended
+  std::string outcome;     // "filled", "cancelled", "replaced", "rejected", "working"
+  bool final_portion = false;
+};
+
+struct ParentReport {
+  ParentInfo info;
+  ParentAccount account;
+  std::vector<ChildSpan> children;                      // children, then the final portion
+  std::vector<std::pair<int64_t, int64_t>> remaining;  // (t, quantity not yet filled), stepwise
+  int64_t end_ms = -1;                                  // filled, transferred or cancelled; -1: open
+};
+
+struct RunResult {
+  std::string name;
+  std::string description;
+  std::vector<HostEvent> events;
+  std::vector<ParentReport> parents;
+  int64_t duration_ms = 0;
+  double wall_seconds = 0;
+};
+
+}  // namespace tsm::sim
