@@ -113,6 +113,13 @@ std::shared_ptr<IBaseData> Hold(IBaseData* record) {
   return std::shared_ptr<IBaseData>(record, [](IBaseData* r) { r->Release(); });
 }
 
+// The traded volume (field id 6, VT_I8) of a quote record, in one batch write.
+void WriteTradedVolume(IBaseData* quote, int64_t volume) {
+  const int32_t update = quote->BeginUpdate();
+  quote->SetData(update, kKindFieldById, Variant::I4(6), Variant::I8(volume));
+  quote->EndUpdate(update);
+}
+
 }  // namespace
 
 std::wstring CommandValue(const std::wstring& line, const std::wstring& key) {
@@ -245,17 +252,19 @@ uint32_t SimExchange::PlaceInOrderSet(IBaseData* record, INordaManager* manager,
 
 void SimExchange::PostTopic(const std::wstring& topic, int32_t param2, const std::wstring& text, Variant data,
                             int64_t delay_ms) {
-  loop_.Post(delay_ms, [this, topic, param2, text, data]() mutable {
-    INordaManager* manager;
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      manager = manager_;
-    }
-    if (manager != nullptr) manager->SetTopic(topic, 0, param2, text, &data);
-  });
+  loop_.Post(delay_ms, [this, topic, param2, text, data]() mutable { SendTopicNow(topic, param2, text, &data); });
 }
 
-std::wstring SimExchange::SubmitParent(const FieldList& fields, int64_t delay_ms, bool in_order_set) {
+void SimExchange::SendTopicNow(const std::wstring& topic, int32_t param2, const std::wstring& text, Variant* data) {
+  INordaManager* manager;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    manager = manager_;
+  }
+  if (manager != nullptr) manager->SetTopic(topic, 0, param2, text, data);
+}
+
+SimExchange::NewParent SimExchange::BookParent(const FieldList& fields, int64_t delay_ms) {
   FieldList all = fields;
   std::wstring level_key;
   std::wstring slice_id;
@@ -268,58 +277,66 @@ std::wstring SimExchange::SubmitParent(const FieldList& fields, int64_t delay_ms
     if (name == L"Symbol") symbol = text.text();
   }
   auto* order = new Entry;
-  bool lock_set;
+  std::lock_guard<std::mutex> guard(lock_);
+  if (level_key.empty()) {
+    level_key = L"P" + Decimal(next_parent_++);
+    all.emplace_back(L"LevelKey", Variant::Text(level_key));
+  }
+  if (orders_.count(level_key) != 0) {
+    delete order;
+    Record("ExchangeIgnored", level_key, -1, L"Reason=duplicate parent level key");
+    return NewParent{level_key, slice_id, nullptr, false, false};
+  }
+  order->view.level_key = level_key;
+  order->view.slice_id = slice_id;
+  order->view.symbol = symbol;
+  order->parent = true;
+  order->behaviour = BehaviourFor(symbol);
+  order->record = SimHost::NewRecord(L"order", all);
+  orders_[level_key] = order;
+  if (!slice_id.empty()) {
+    ParentAccount& account = AccountFor(slice_id);
+    account.parent_level_key = level_key;
+    if (account.start_ms < 0) account.start_ms = host_.ElapsedMs() + std::max<int64_t>(0, delay_ms);
+    parent_slice_[level_key] = slice_id;
+  }
+  return NewParent{level_key, slice_id, Hold(order->record), lock_order_set_on_add_, true};
+}
+
+void SimExchange::HandOverParent(const NewParent& parent, bool in_order_set) {
+  INordaManager* manager;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    if (level_key.empty()) {
-      level_key = L"P" + Decimal(next_parent_++);
-      all.emplace_back(L"LevelKey", Variant::Text(level_key));
-    }
-    if (orders_.count(level_key) != 0) {
-      delete order;
-      Record("ExchangeIgnored", level_key, -1, L"Reason=duplicate parent level key");
-      return level_key;
-    }
-    order->view.level_key = level_key;
-    order->view.slice_id = slice_id;
-    order->view.symbol = symbol;
-    order->parent = true;
-    order->behaviour = BehaviourFor(symbol);
-    order->record = SimHost::NewRecord(L"order", all);
-    orders_[level_key] = order;
-    if (!slice_id.empty()) {
-      ParentAccount& account = AccountFor(slice_id);
-      account.parent_level_key = level_key;
-      if (account.start_ms < 0) account.start_ms = host_.ElapsedMs() + std::max<int64_t>(0, delay_ms);
-      parent_slice_[level_key] = slice_id;
-    }
-    lock_set = lock_order_set_on_add_;
+    manager = manager_;
   }
-  auto record = Hold(order->record);
-  loop_.Post(delay_ms, [this, record, level_key, slice_id, in_order_set, lock_set] {
-    INordaManager* manager;
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      manager = manager_;
+  int32_t index = -1;
+  const uint32_t cookie = in_order_set ? PlaceInOrderSet(parent.record.get(), manager, parent.lock_set, &index)
+                                       : host_.Publish(parent.record.get());
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto it = orders_.find(parent.level_key);
+    if (it != orders_.end()) {
+      it->second->view.cookie = cookie;
+      it->second->view.order_index = index;
     }
-    int32_t index = -1;
-    const uint32_t cookie =
-        in_order_set ? PlaceInOrderSet(record.get(), manager, lock_set, &index) : host_.Publish(record.get());
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      auto it = orders_.find(level_key);
-      if (it != orders_.end()) {
-        it->second->view.cookie = cookie;
-        it->second->view.order_index = index;
-      }
-    }
-    if (host_.KeepsEvents()) {
-      Record("ExchangeSubmit", level_key, -1, L"SliceID=" + slice_id + L",Index=" + Decimal(index));
-    }
-    Variant data = Variant::I4(static_cast<int32_t>(cookie));
-    if (manager != nullptr) manager->SetTopic(L"TRADE.SLICE.MANAGER", 0, 0, Decimal(index), &data);
-  });
-  return level_key;
+  }
+  if (host_.KeepsEvents()) {
+    Record("ExchangeSubmit", parent.level_key, -1, L"SliceID=" + parent.slice_id + L",Index=" + Decimal(index));
+  }
+  Variant data = Variant::I4(static_cast<int32_t>(cookie));
+  if (manager != nullptr) manager->SetTopic(L"TRADE.SLICE.MANAGER", 0, 0, Decimal(index), &data);
+}
+
+std::wstring SimExchange::SubmitParent(const FieldList& fields, int64_t delay_ms, bool in_order_set) {
+  const NewParent parent = BookParent(fields, delay_ms);
+  if (parent.booked) loop_.Post(delay_ms, [this, parent, in_order_set] { HandOverParent(parent, in_order_set); });
+  return parent.level_key;
+}
+
+std::wstring SimExchange::SubmitParentNow(const FieldList& fields, bool in_order_set) {
+  const NewParent parent = BookParent(fields, 0);
+  if (parent.booked) HandOverParent(parent, in_order_set);
+  return parent.level_key;
 }
 
 void SimExchange::ReleaseParent(const std::wstring& parent_level_key, int64_t delay_ms) {
@@ -331,6 +348,16 @@ void SimExchange::ReleaseParent(const std::wstring& parent_level_key, int64_t de
   PostTopic(L"TRADE.SLICE.ORDER", 0, L"", Variant::I4(static_cast<int32_t>(host_.Publish(record))), delay_ms);
 }
 
+void SimExchange::ReleaseParentNow(const std::wstring& parent_level_key) {
+  IBaseData* record = OrderRecord(parent_level_key);
+  if (record == nullptr) {
+    Record("ExchangeIgnored", parent_level_key, -1, L"Reason=unknown parent");
+    return;
+  }
+  Variant data = Variant::I4(static_cast<int32_t>(host_.Publish(record)));
+  SendTopicNow(L"TRADE.SLICE.ORDER", 0, L"", &data);
+}
+
 void SimExchange::CancelParent(const std::wstring& level_key, bool cancel_all, int64_t delay_ms) {
   IBaseData* record = OrderRecord(level_key);
   if (record == nullptr) {
@@ -339,6 +366,16 @@ void SimExchange::CancelParent(const std::wstring& level_key, bool cancel_all, i
   }
   PostTopic(L"TRADE.SLICE.MANAGER.CANCEL", cancel_all ? 2 : 1, level_key,
             Variant::I4(static_cast<int32_t>(host_.Publish(record))), delay_ms);
+}
+
+void SimExchange::CancelParentNow(const std::wstring& level_key, bool cancel_all) {
+  IBaseData* record = OrderRecord(level_key);
+  if (record == nullptr) {
+    Record("ExchangeIgnored", level_key, -1, L"Reason=unknown order");
+    return;
+  }
+  Variant data = Variant::I4(static_cast<int32_t>(host_.Publish(record)));
+  SendTopicNow(L"TRADE.SLICE.MANAGER.CANCEL", cancel_all ? 2 : 1, level_key, &data);
 }
 
 void SimExchange::RenumberOrderSet(int64_t delay_ms) {
@@ -359,13 +396,16 @@ void SimExchange::FillChild(const std::wstring& level_key, int32_t qty, int64_t 
   loop_.Post(delay_ms, [this, level_key, qty] { ApplyFill(level_key, qty); });
 }
 
+void SimExchange::FillChildNow(const std::wstring& level_key, int32_t qty) { ApplyFill(level_key, qty); }
+
 void SimExchange::SetTradedVolume(const std::wstring& symbol, int64_t volume, int64_t delay_ms) {
   auto quote = Hold(host_.Topic(symbol));
-  loop_.Post(delay_ms, [quote, volume] {
-    const int32_t update = quote->BeginUpdate();
-    quote->SetData(update, kKindFieldById, Variant::I4(6), Variant::I8(volume));
-    quote->EndUpdate(update);
-  });
+  loop_.Post(delay_ms, [quote, volume] { WriteTradedVolume(quote.get(), volume); });
+}
+
+void SimExchange::SetTradedVolumeNow(const std::wstring& symbol, int64_t volume) {
+  auto quote = Hold(host_.Topic(symbol));
+  WriteTradedVolume(quote.get(), volume);
 }
 
 void SimExchange::SetSystemTime(int32_t date_yyyymmdd, int32_t time_hhmmss, int32_t time_diff_s, int64_t delay_ms) {

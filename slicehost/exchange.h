@@ -183,6 +183,11 @@ class SimExchange {
   // the loop (a lock held across clock steps would stall the manager's timer
   // callbacks, which a virtual clock waits for).
   void RenumberOrderSet(int64_t delay_ms = 0);
+  // The same at once, on the calling thread, which must be the loop's own (a
+  // host action that makes these calls in its own order).
+  std::wstring SubmitParentNow(const FieldList& fields, bool in_order_set = true);
+  void ReleaseParentNow(const std::wstring& parent_level_key);
+  void CancelParentNow(const std::wstring& level_key, bool cancel_all);
   // One batch write into an order made here (child or parent).
   void WriteOrder(const std::wstring& level_key, const FieldList& fields, int64_t delay_ms = 0);
   // A fill of `qty` on a working child (ExecType 1, or 3 when it completes).
@@ -190,6 +195,9 @@ class SimExchange {
   // The quote record named by `symbol` (made on first use): traded volume
   // at field id 6, written with kind 1 as VT_I8.
   void SetTradedVolume(const std::wstring& symbol, int64_t volume, int64_t delay_ms = 0);
+  // FillChild and SetTradedVolume at once, on the loop's own thread.
+  void FillChildNow(const std::wstring& level_key, int32_t qty);
+  void SetTradedVolumeNow(const std::wstring& symbol, int64_t volume);
   // The host's "NordaSystemTime" record: "SystemDate", "SystemTime",
   // "TimeDiff".
   void SetSystemTime(int32_t date_yyyymmdd, int32_t time_hhmmss, int32_t time_diff_s, int64_t delay_ms = 0);
@@ -240,6 +248,19 @@ class SimExchange {
   void Record(const char* ev, const std::wstring& level_key, int32_t exec_type, const std::wstring& text);
   void PostTopic(const std::wstring& topic, int32_t param2, const std::wstring& text, Variant data,
                  int64_t delay_ms);
+  // SetTopic to the manager (param1 0) on the calling thread.
+  void SendTopicNow(const std::wstring& topic, int32_t param2, const std::wstring& text, Variant* data);
+  // A parent entered by the host: booked at once, handed to the manager on
+  // the loop.
+  struct NewParent {
+    std::wstring level_key;
+    std::wstring slice_id;
+    std::shared_ptr<IBaseData> record;
+    bool lock_set = false;  // place it in the order set under "ORDERSET.LOCK"
+    bool booked = false;    // false: a duplicate level key, ignored
+  };
+  NewParent BookParent(const FieldList& fields, int64_t delay_ms);  // not under lock_
+  void HandOverParent(const NewParent& parent, bool in_order_set);   // on the loop
   uint32_t AddToOrderSet(IBaseData* record, int32_t* index);  // returns the cookie
   // AddToOrderSet between "ORDERSET.LOCK" and "ORDERSET.UNLOCK" sent to
   // `manager` when `lock_set` (and there is a manager); run on the loop.

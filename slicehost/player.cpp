@@ -325,16 +325,16 @@ class Player::Impl {
         parent.qty = FieldI4(step.fields, L"OrderQty", FieldI4(step.fields, L"LeavesQty", 0));
         parent.submit_ms = host_.ElapsedMs();
         parents_.push_back(parent);
-        exchange_.SubmitParent(step.fields, 0, step.in_order_set);
+        exchange_.SubmitParentNow(step.fields, step.in_order_set);
         break;
       }
       case Step::Kind::kRelease:
         if (exchange_.OrderRecord(step.order) == nullptr) return Ignore(step, step.order, L"Reason=unknown order");
-        exchange_.ReleaseParent(step.order, 0);
+        exchange_.ReleaseParentNow(step.order);
         break;
       case Step::Kind::kCancel:
         if (exchange_.OrderRecord(step.order) == nullptr) return Ignore(step, step.order, L"Reason=unknown order");
-        exchange_.CancelParent(step.order, step.all, 0);
+        exchange_.CancelParentNow(step.order, step.all);
         break;
       case Step::Kind::kUpdate: {
         IBaseData* record = FindRecord(step.record);
@@ -346,11 +346,11 @@ class Player::Impl {
       case Step::Kind::kFill:
         if (!exchange_.Order(step.order)) return Ignore(step, step.order, L"Reason=unknown order");
         Note("HostFill", step.order, L"Qty=" + std::to_wstring(step.qty));
-        exchange_.FillChild(step.order, step.qty, 0);
+        exchange_.FillChildNow(step.order, step.qty);
         break;
       case Step::Kind::kVolume:
         Note("HostVolume", step.symbol, L"TradeVolume=" + std::to_wstring(step.volume));
-        exchange_.SetTradedVolume(step.symbol, step.volume, 0);
+        exchange_.SetTradedVolumeNow(step.symbol, step.volume);
         break;
       case Step::Kind::kSystemTime: {
         if (step.time_diff) time_diff_ = *step.time_diff;
