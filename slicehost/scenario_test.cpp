@@ -167,6 +167,15 @@ TEST(ScenarioParse, FractionalNumberIsReported) {
             "bad.json: at /steps/0/at: expected an integer from 0 to 60000, found a fractional number");
 }
 
+TEST(ScenarioParse, IntegerBeyond64BitsIsCalledTooLargeNotFractional) {
+  EXPECT_EQ(Error(R"({"steps": [{"at": 0, "do": "Submit", "fields": {"LevelKey": "P1",
+                      "OrderQty": 99999999999999999999}}]})"),
+            "bad.json: at /steps/0/fields/OrderQty: expected an integer from -9223372036854775808 to "
+            "9223372036854775807, found a number too large for 64 bits");
+  EXPECT_EQ(Error(R"({"steps": [{"at": 99999999999999999999, "do": "SetStage", "stage": 1}]})"),
+            "bad.json: at /steps/0/at: expected an integer from 0 to 60000, found a number too large for 64 bits");
+}
+
 TEST(ScenarioParse, VolumeOfAnUndeclaredSymbolIsReported) {
   EXPECT_EQ(Error(R"({"steps": [{"at": 0, "do": "Volume", "symbol": "QX.S.TW.1", "volume": 3}]})"),
             "bad.json: at /steps/0/symbol: expected a symbol of the scenario's securities");
