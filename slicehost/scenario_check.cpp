@@ -43,13 +43,9 @@ bool IsDigits(const std::wstring& text) {
 // separators counting as one.
 std::vector<std::wstring> InfoItems(const std::wstring& info) {
   std::vector<std::wstring> items;
-  size_t start = 0;
-  while (start <= info.size()) {
-    const size_t bar = info.find(L'|', start);
-    const size_t end = bar == std::wstring::npos ? info.size() : bar;
-    if (end > start) items.push_back(info.substr(start, end - start));
-    if (bar == std::wstring::npos) break;
-    start = bar + 1;
+  int pos = 0;
+  for (std::wstring_view item = TokenizeView(info, L"|", pos); pos >= 0; item = TokenizeView(info, L"|", pos)) {
+    items.emplace_back(item);
   }
   return items;
 }
