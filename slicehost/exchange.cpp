@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cwchar>
 #include <initializer_list>
 #include <memory>
@@ -113,6 +114,12 @@ std::shared_ptr<IBaseData> Hold(IBaseData* record) {
   return std::shared_ptr<IBaseData>(record, [](IBaseData* r) { r->Release(); });
 }
 
+// A quantity as a record field: VT_I4 when it fits 32 bits (every quantity
+// of the manager's own), else VT_I8.
+Variant QuantityValue(int64_t qty) {
+  return qty >= INT32_MIN && qty <= INT32_MAX ? Variant::I4(static_cast<int32_t>(qty)) : Variant::I8(qty);
+}
+
 // The traded volume (field id 6, VT_I8) of a quote record, in one batch write.
 void WriteTradedVolume(IBaseData* quote, int64_t volume) {
   const int32_t update = quote->BeginUpdate();
@@ -141,7 +148,7 @@ struct SimExchange::Entry {
   IBaseData* record = nullptr;  // one reference owned by the exchange
   bool parent = false;          // made by SubmitParent (or a final portion of a parent made elsewhere)
   SymbolBehaviour behaviour;
-  int32_t fill_target = 0;      // quantity the scheduled fills reach
+  int64_t fill_target = 0;      // quantity the scheduled fills reach
   int32_t fill_steps_left = 0;
 };
 
@@ -392,11 +399,11 @@ void SimExchange::WriteOrder(const std::wstring& level_key, const FieldList& fie
   loop_.PostWrite(record, fields, delay_ms);
 }
 
-void SimExchange::FillChild(const std::wstring& level_key, int32_t qty, int64_t delay_ms) {
+void SimExchange::FillChild(const std::wstring& level_key, int64_t qty, int64_t delay_ms) {
   loop_.Post(delay_ms, [this, level_key, qty] { ApplyFill(level_key, qty); });
 }
 
-void SimExchange::FillChildNow(const std::wstring& level_key, int32_t qty) { ApplyFill(level_key, qty); }
+void SimExchange::FillChildNow(const std::wstring& level_key, int64_t qty) { ApplyFill(level_key, qty); }
 
 void SimExchange::SetTradedVolume(const std::wstring& symbol, int64_t volume, int64_t delay_ms) {
   auto quote = Hold(host_.Topic(symbol));
@@ -442,7 +449,7 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
   const CommandValues values = SplitNewOrder(command);
   auto text = [&values](NewOrderKey key) { return Variant::Text(std::wstring(values[key])); };
   auto i4 = [&values](NewOrderKey key) { return Variant::I4(WToL(values[key])); };
-  const int32_t qty = WToL(values[kQty]);
+  const int64_t qty = WToI64(values[kQty]);
   const std::wstring slice_id(values[kSlicedId]);
   const std::wstring symbol(values[kSymbol]);
   auto* order = new Entry;
@@ -472,9 +479,9 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
     set(ChildField::kPriceString, text(kPriceString));
     set(ChildField::kOrderType, i4(kOrderType));
     set(ChildField::kTimeInForce, i4(kTimeInForce));
-    set(ChildField::kOriginalQty, Variant::I4(qty));
-    set(ChildField::kOrderQty, Variant::I4(qty));
-    set(ChildField::kLeavesQty, Variant::I4(qty));
+    set(ChildField::kOriginalQty, QuantityValue(qty));
+    set(ChildField::kOrderQty, QuantityValue(qty));
+    set(ChildField::kLeavesQty, QuantityValue(qty));
     set(ChildField::kCumQty, Variant::I4(0));
     set(ChildField::kOrderId, Variant::Text(std::wstring()));
     set(ChildField::kSliceId, Variant::Text(slice_id));
@@ -556,7 +563,7 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
   const std::wstring level_key = SimHost::ReadText(object, L"LevelKey");
   const std::wstring slice_id = SimHost::ReadText(object, L"SliceID");
   const std::wstring symbol = SimHost::ReadText(object, L"Symbol");
-  const int32_t qty = SimHost::ReadI4(object, L"OrderQty", 0);
+  const int64_t qty = SimHost::ReadI8(object, L"OrderQty", 0);
   const int32_t sliced_type = SimHost::ReadI4(object, L"SlicedType", 0);
   bool work = false;
   int64_t ack_delay = 0;
@@ -611,7 +618,7 @@ void SimExchange::OnTransfer(const Variant* data) {
   }
   const std::wstring level_key = SimHost::ReadText(object, L"LevelKey");
   const std::wstring slice_id = SimHost::ReadText(object, L"SliceID");
-  const int32_t qty = SimHost::ReadI4(object, L"OrderQty", 0);
+  const int64_t qty = SimHost::ReadI8(object, L"OrderQty", 0);
   object->Release();
   {
     std::lock_guard<std::mutex> guard(lock_);
@@ -688,7 +695,7 @@ void SimExchange::Acknowledge(const std::wstring& level_key) {
       order->view.last_exec_type = exec_type;
       if (!order->view.final_portion) ++AccountFor(order->view.slice_id).children_acknowledged;
       const int32_t percent = std::clamp(order->behaviour.fill_percent, 0, 100);
-      order->fill_target = static_cast<int32_t>(static_cast<int64_t>(order->view.qty) * percent / 100);
+      order->fill_target = order->view.qty * percent / 100;
       order->fill_steps_left = std::max(1, order->behaviour.fill_steps);
       fill = order->fill_target > 0;
       fill_delay = order->behaviour.fill_delay_ms;
@@ -708,16 +715,16 @@ void SimExchange::Acknowledge(const std::wstring& level_key) {
 }
 
 void SimExchange::ScheduledFill(const std::wstring& level_key) {
-  int32_t chunk = 0;
+  int64_t chunk = 0;
   int64_t fill_delay = 0;
   {
     std::lock_guard<std::mutex> guard(lock_);
     auto it = orders_.find(level_key);
     if (it == orders_.end() || it->second->view.done) return;
     Entry* order = it->second;
-    const int32_t remaining = order->fill_target - order->view.cum_qty;
+    const int64_t remaining = order->fill_target - order->view.cum_qty;
     if (remaining <= 0 || order->fill_steps_left <= 0) return;
-    chunk = order->fill_steps_left == 1 ? remaining : std::max(1, remaining / order->fill_steps_left);
+    chunk = order->fill_steps_left == 1 ? remaining : std::max<int64_t>(1, remaining / order->fill_steps_left);
     --order->fill_steps_left;
     fill_delay = order->behaviour.fill_delay_ms;
   }
@@ -726,18 +733,18 @@ void SimExchange::ScheduledFill(const std::wstring& level_key) {
   }
 }
 
-bool SimExchange::ApplyFill(const std::wstring& level_key, int32_t qty) {
+bool SimExchange::ApplyFill(const std::wstring& level_key, int64_t qty) {
   std::shared_ptr<IBaseData> record;
   int32_t exec_type;
-  int32_t cum;
-  int32_t leaves;
+  int64_t cum;
+  int64_t leaves;
   bool more;
   {
     std::lock_guard<std::mutex> guard(lock_);
     auto it = orders_.find(level_key);
     if (it == orders_.end() || it->second->view.done) return false;
     Entry* order = it->second;
-    const int32_t fill = std::clamp(qty, 0, order->view.leaves_qty);
+    const int64_t fill = std::clamp<int64_t>(qty, 0, order->view.leaves_qty);
     if (fill <= 0) return false;
     order->view.cum_qty += fill;
     order->view.leaves_qty -= fill;
@@ -765,8 +772,8 @@ bool SimExchange::ApplyFill(const std::wstring& level_key, int32_t qty) {
                Decimal(leaves));
   }
   WriteFields(record.get(), {{ChildField::kExecType, Variant::I4(exec_type)},
-                             {ChildField::kCumQty, Variant::I4(cum)},
-                             {ChildField::kLeavesQty, Variant::I4(leaves)}});
+                             {ChildField::kCumQty, QuantityValue(cum)},
+                             {ChildField::kLeavesQty, QuantityValue(leaves)}});
   return more;
 }
 

@@ -30,10 +30,18 @@ struct ChildCounts {
 };
 ChildCounts CountChildren(const ParentReport& parent);
 
-// The cells of one parent's row of the summary, in the order of its
-// columns: parent, slice, kind, qty, sent, filled, cancelled, failed, final
-// portion, done qty, start, end. The text summary and the HTML report both
-// show these.
+// How the parent ended, in words: "finished at T", "cancelled by the host
+// at T", "final portion transferred at T", "still parked until its session
+// opens at HH:MM", "children replaced and not filled (Q), the rest finished
+// at T", "final portion rejected at T" (or cancelled), "not taken in
+// (SlicedType below 1)", or "still working at the end of the run".
+std::string ParentOutcome(const ParentReport& parent);
+
+// The headers of the summary's columns, and the cells of one parent's row
+// in the same order: parent, slice, kind, qty, children sent, filled,
+// cancelled, failed, final portion, filled qty, cancelled qty, start, end,
+// outcome. The text summary and the HTML report both show these.
+const std::vector<std::string>& SummaryColumns();
 std::vector<std::string> SummaryCells(const ParentReport& parent);
 // The per-parent summary table.
 std::string SummaryText(const RunResult& result);

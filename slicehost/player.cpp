@@ -76,6 +76,13 @@ int32_t FieldI4(const ScenarioFields& fields, const std::wstring& name, int32_t 
   return fallback;
 }
 
+int64_t FieldI8(const ScenarioFields& fields, const std::wstring& name, int64_t fallback) {
+  for (const auto& [field, value] : fields) {
+    if (field == name) return SimHost::ToI8(value, fallback);
+  }
+  return fallback;
+}
+
 std::wstring FieldText(const ScenarioFields& fields, const std::wstring& name) {
   for (const auto& [field, value] : fields) {
     if (field != name) continue;
@@ -322,7 +329,7 @@ class Player::Impl {
         parent.slice_id = FieldText(step.fields, L"SliceID");
         parent.symbol = FieldText(step.fields, L"Symbol");
         parent.sliced_type = FieldI4(step.fields, L"SlicedType", 0);
-        parent.qty = FieldI4(step.fields, L"OrderQty", FieldI4(step.fields, L"LeavesQty", 0));
+        parent.qty = FieldI8(step.fields, L"OrderQty", FieldI8(step.fields, L"LeavesQty", 0));
         parent.submit_ms = host_.ElapsedMs();
         parents_.push_back(parent);
         exchange_.SubmitParentNow(step.fields, step.in_order_set);
