@@ -82,6 +82,7 @@ std::vector<ParentReport> BuildReports(const std::vector<HostEvent>& events, con
 
   std::map<std::wstring, std::vector<std::pair<int64_t, int64_t>>> filled;  // slice -> (t, total filled)
   std::map<std::wstring, std::map<std::wstring, int64_t>> cum;              // slice -> order -> cum qty
+  std::map<std::wstring, std::vector<std::pair<int64_t, int64_t>>> fills;   // order -> (t, fill)
   std::map<std::wstring, std::wstring> parent_of_slice;
   for (const ParentInfo& parent : parents) parent_of_slice.emplace(parent.slice_id, parent.level_key);
   ParkWatch parking;
@@ -104,6 +105,7 @@ std::vector<ParentReport> BuildReports(const std::vector<HostEvent>& events, con
       const bool is_final = finals.count(e.topic) != 0 && spans.count(e.topic) == 0;
       Span& span = is_final ? finals[e.topic] : spans[e.topic];
       if (e.ev == "ExchangeFill") {
+        fills[e.topic].emplace_back(e.t_ms, TextNumber(e.text, L"Fill"));
         if (e.p1 == codes.filled) {
           span.end = e.t_ms;
           span.outcome = "filled";
@@ -165,6 +167,7 @@ std::vector<ParentReport> BuildReports(const std::vector<HostEvent>& events, con
       child.level_key = account.children[i];
       child.qty = i < account.child_qtys.size() ? account.child_qtys[i] : 0;
       child.filled = fill_of(child.level_key);
+      child.fills = fills[child.level_key];
       auto order = worked.find(child.level_key);
       if (order != worked.end()) child.command = order->second->command;
       const Span& span = spans[child.level_key];
@@ -180,6 +183,7 @@ std::vector<ParentReport> BuildReports(const std::vector<HostEvent>& events, con
       child.level_key = parent_key;
       child.qty = account.final_portion_qty;
       child.filled = fill_of(parent_key);
+      child.fills = fills[parent_key];
       child.start_ms = final_span->second.start;
       child.end_ms = final_span->second.end;
       child.outcome = final_span->second.outcome;

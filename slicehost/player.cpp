@@ -441,6 +441,8 @@ RunResult RunScenario(const Scenario& scenario, const RunOptions& options) {
   result.name = scenario.name;
   result.description = scenario.description;
   result.duration_ms = scenario.duration_ms;
+  result.clock_origin_ms = scenario.start_utc_ms + int64_t{scenario.time_offset_s} * 1000;
+  result.time_offset_s = scenario.time_offset_s;
   {
     Player play(scenario, options.real_time, true);
     size_t flushed = 0;

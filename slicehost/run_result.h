@@ -33,6 +33,7 @@ struct ChildSpan {
   std::string outcome;     // "filled", "cancelled", "replaced", "rejected", "working"
   bool final_portion = false;
   std::wstring command;    // the new-order command (empty for a final portion)
+  std::vector<std::pair<int64_t, int64_t>> fills;  // (t, quantity) of each fill
 };
 
 // A stretch in which the manager held the parent back outside its
@@ -62,6 +63,10 @@ struct RunResult {
   std::vector<HostEvent> events;
   std::vector<ParentReport> parents;
   int64_t duration_ms = 0;
+  // Exchange clock at simulated time 0, in milliseconds since 1970 (UTC
+  // start plus the time offset), and that offset: the report's time axis.
+  int64_t clock_origin_ms = 0;
+  int32_t time_offset_s = 0;
   double wall_seconds = 0;
 };
 
