@@ -5,6 +5,7 @@
 #include <set>
 
 #include "data/text.h"
+#include "slicehost/sim_host.h"
 
 namespace tsm::sim {
 
@@ -182,6 +183,7 @@ class Checker {
                       (sliced_type == 4 || sliced_type == 5 ? " (its OrderQty, LeavesQty and SendQty rewritten to 0)"
                                                             : ""));
     }
+    if (sliced_type == 3) CheckVolumeWatch(step, parent);
     if (sliced_type >= 1 && FindField(step.fields, L"OrderQty") == nullptr) {
       Warn(where, parent + " has no OrderQty: the manager slices by LeavesQty and writes OrderQty only when it "
                            "cuts a child; a parent sent whole as its final portion goes without one");
@@ -200,6 +202,20 @@ class Checker {
       CheckSessionsReached(step, *security, parent);
     }
     if (!key.empty()) known_orders_.insert(key);
+  }
+
+  // The manager watches a volume parent's children only with an Interval of
+  // 1 or more and a LeftoverAction other than 0 (absent counts as the least
+  // 32-bit number there).
+  void CheckVolumeWatch(const Step& step, const std::string& parent) {
+    const Variant* interval = FindField(step.fields, L"Interval");
+    const Variant* leftover = FindField(step.fields, L"LeftoverAction");
+    const bool watched = interval != nullptr && SimHost::ToI4(*interval, 0) >= 1 &&
+                         (leftover == nullptr || SimHost::ToI4(*leftover, 0) != 0);
+    if (watched) return;
+    Warn(step.where + "/fields", parent + " is sliced by volume (SlicedType 3) without an Interval of 1 or more "
+                                          "and a LeftoverAction other than 0: the manager never watches its "
+                                          "children, so none is cancelled by volume");
   }
 
   // A parent held back outside its sessions waits the whole run when no

@@ -123,6 +123,21 @@ TEST(ScenarioCheck, ParentWithoutOrderQtyIsWarned) {
             "without one");
 }
 
+TEST(ScenarioCheck, VolumeParentThatIsNeverWatchedIsWarned) {
+  const auto lines = Warnings(kSecurity, R"({"at": 1000, "do": "Submit", "fields": {"LevelKey": "P1",
+      "Symbol": "QX.S.TW.2330", "OrderQty": 300, "LeavesQty": 300, "DiscloseQty": 100, "SlicedType": 3}},
+      {"at": 1000, "do": "Submit", "fields": {"LevelKey": "P2", "Symbol": "QX.S.TW.2330", "OrderQty": 300,
+      "LeavesQty": 300, "DiscloseQty": 100, "SlicedType": 3, "Interval": 1, "LeftoverAction": 0}},
+      {"at": 1000, "do": "Submit", "fields": {"LevelKey": "P3", "Symbol": "QX.S.TW.2330", "OrderQty": 300,
+      "LeavesQty": 300, "DiscloseQty": 100, "SlicedType": 3, "Interval": 1, "LeftoverAction": 1}})");
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0],
+            "suspect.json: at /steps/0/fields: warning: parent \"P1\" is sliced by volume (SlicedType 3) without an "
+            "Interval of 1 or more and a LeftoverAction other than 0: the manager never watches its children, so "
+            "none is cancelled by volume");
+  EXPECT_NE(lines[1].find("at /steps/1/fields: warning: parent \"P2\" is sliced by volume"), std::string::npos);
+}
+
 TEST(ScenarioCheck, NegativeQuantityIsWarned) {
   const auto lines = Warnings(kSecurity, Parent("P1", R"(, "SendQty": -300)"));
   ASSERT_EQ(lines.size(), 1u);
