@@ -107,11 +107,11 @@ bool LoadScenario(const Options& o, Scenario* scenario) {
   return true;
 }
 
-// Prints the warnings of `scenario` on standard error; returns the steps
-// they concern (JSON pointers).
-std::set<std::string> PrintWarnings(const Scenario& scenario) {
+// Prints `warnings` of `scenario` on standard error; returns the steps they
+// concern (JSON pointers).
+std::set<std::string> PrintWarnings(const Scenario& scenario, const std::vector<ScenarioWarning>& warnings) {
   std::set<std::string> steps;
-  for (const ScenarioWarning& warning : CheckScenario(scenario)) {
+  for (const ScenarioWarning& warning : warnings) {
     std::fprintf(stderr, "slicehost: %s\n", WarningLine(scenario, warning).c_str());
     const size_t slash = warning.where.find('/', std::string("/steps/").size());
     if (warning.where.rfind("/steps/", 0) == 0) steps.insert(warning.where.substr(0, slash));
@@ -139,7 +139,7 @@ int Check(const Options& o) {
   Scenario scenario;
   if (!LoadScenario(o, &scenario)) return kExitBadInput;
   const std::vector<ScenarioWarning> warnings = CheckScenario(scenario);
-  PrintWarnings(scenario);
+  PrintWarnings(scenario, warnings);
   if (warnings.empty()) {
     std::printf("%s: no warnings\n", scenario.source.c_str());
     return kExitOk;
@@ -166,7 +166,7 @@ int Play(const Options& o) {
       return kExitBadInput;
     }
   }
-  const std::set<std::string> warned = PrintWarnings(scenario);
+  const std::set<std::string> warned = PrintWarnings(scenario, CheckScenario(scenario));
 
   RunOptions options;
   options.real_time = o.real_time;
