@@ -1,4 +1,4 @@
-# Shared steps of scripts/test, scripts/demo and scripts/bench.
+# Shared steps of scripts/test and scripts/demo.
 
 JOBS=${JOBS:-$(nproc)}
 # Several working copies of the build can live side by side (BUILD_ROOT=build-x).

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cwchar>
 #include <initializer_list>
 #include <memory>
@@ -113,6 +114,19 @@ std::shared_ptr<IBaseData> Hold(IBaseData* record) {
   return std::shared_ptr<IBaseData>(record, [](IBaseData* r) { r->Release(); });
 }
 
+// A quantity as a record field: VT_I4 when it fits 32 bits (every quantity
+// of the manager's own), else VT_I8.
+Variant QuantityValue(int64_t qty) {
+  return qty >= INT32_MIN && qty <= INT32_MAX ? Variant::I4(static_cast<int32_t>(qty)) : Variant::I8(qty);
+}
+
+// The traded volume (field id 6, VT_I8) of a quote record, in one batch write.
+void WriteTradedVolume(IBaseData* quote, int64_t volume) {
+  const int32_t update = quote->BeginUpdate();
+  quote->SetData(update, kKindFieldById, Variant::I4(6), Variant::I8(volume));
+  quote->EndUpdate(update);
+}
+
 }  // namespace
 
 std::wstring CommandValue(const std::wstring& line, const std::wstring& key) {
@@ -134,7 +148,7 @@ struct SimExchange::Entry {
   IBaseData* record = nullptr;  // one reference owned by the exchange
   bool parent = false;          // made by SubmitParent (or a final portion of a parent made elsewhere)
   SymbolBehaviour behaviour;
-  int32_t fill_target = 0;      // quantity the scheduled fills reach
+  int64_t fill_target = 0;      // quantity the scheduled fills reach
   int32_t fill_steps_left = 0;
 };
 
@@ -245,17 +259,19 @@ uint32_t SimExchange::PlaceInOrderSet(IBaseData* record, INordaManager* manager,
 
 void SimExchange::PostTopic(const std::wstring& topic, int32_t param2, const std::wstring& text, Variant data,
                             int64_t delay_ms) {
-  loop_.Post(delay_ms, [this, topic, param2, text, data]() mutable {
-    INordaManager* manager;
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      manager = manager_;
-    }
-    if (manager != nullptr) manager->SetTopic(topic, 0, param2, text, &data);
-  });
+  loop_.Post(delay_ms, [this, topic, param2, text, data]() mutable { SendTopicNow(topic, param2, text, &data); });
 }
 
-std::wstring SimExchange::SubmitParent(const FieldList& fields, int64_t delay_ms, bool in_order_set) {
+void SimExchange::SendTopicNow(const std::wstring& topic, int32_t param2, const std::wstring& text, Variant* data) {
+  INordaManager* manager;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    manager = manager_;
+  }
+  if (manager != nullptr) manager->SetTopic(topic, 0, param2, text, data);
+}
+
+SimExchange::NewParent SimExchange::BookParent(const FieldList& fields, int64_t delay_ms) {
   FieldList all = fields;
   std::wstring level_key;
   std::wstring slice_id;
@@ -268,58 +284,66 @@ std::wstring SimExchange::SubmitParent(const FieldList& fields, int64_t delay_ms
     if (name == L"Symbol") symbol = text.text();
   }
   auto* order = new Entry;
-  bool lock_set;
+  std::lock_guard<std::mutex> guard(lock_);
+  if (level_key.empty()) {
+    level_key = L"P" + Decimal(next_parent_++);
+    all.emplace_back(L"LevelKey", Variant::Text(level_key));
+  }
+  if (orders_.count(level_key) != 0) {
+    delete order;
+    Record("ExchangeIgnored", level_key, -1, L"Reason=duplicate parent level key");
+    return NewParent{level_key, slice_id, nullptr, false, false};
+  }
+  order->view.level_key = level_key;
+  order->view.slice_id = slice_id;
+  order->view.symbol = symbol;
+  order->parent = true;
+  order->behaviour = BehaviourFor(symbol);
+  order->record = SimHost::NewRecord(L"order", all);
+  orders_[level_key] = order;
+  if (!slice_id.empty()) {
+    ParentAccount& account = AccountFor(slice_id);
+    account.parent_level_key = level_key;
+    if (account.start_ms < 0) account.start_ms = host_.ElapsedMs() + std::max<int64_t>(0, delay_ms);
+    parent_slice_[level_key] = slice_id;
+  }
+  return NewParent{level_key, slice_id, Hold(order->record), lock_order_set_on_add_, true};
+}
+
+void SimExchange::HandOverParent(const NewParent& parent, bool in_order_set) {
+  INordaManager* manager;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    if (level_key.empty()) {
-      level_key = L"P" + Decimal(next_parent_++);
-      all.emplace_back(L"LevelKey", Variant::Text(level_key));
-    }
-    if (orders_.count(level_key) != 0) {
-      delete order;
-      Record("ExchangeIgnored", level_key, -1, L"Reason=duplicate parent level key");
-      return level_key;
-    }
-    order->view.level_key = level_key;
-    order->view.slice_id = slice_id;
-    order->view.symbol = symbol;
-    order->parent = true;
-    order->behaviour = BehaviourFor(symbol);
-    order->record = SimHost::NewRecord(L"order", all);
-    orders_[level_key] = order;
-    if (!slice_id.empty()) {
-      ParentAccount& account = AccountFor(slice_id);
-      account.parent_level_key = level_key;
-      if (account.start_ms < 0) account.start_ms = host_.ElapsedMs() + std::max<int64_t>(0, delay_ms);
-      parent_slice_[level_key] = slice_id;
-    }
-    lock_set = lock_order_set_on_add_;
+    manager = manager_;
   }
-  auto record = Hold(order->record);
-  loop_.Post(delay_ms, [this, record, level_key, slice_id, in_order_set, lock_set] {
-    INordaManager* manager;
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      manager = manager_;
+  int32_t index = -1;
+  const uint32_t cookie = in_order_set ? PlaceInOrderSet(parent.record.get(), manager, parent.lock_set, &index)
+                                       : host_.Publish(parent.record.get());
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto it = orders_.find(parent.level_key);
+    if (it != orders_.end()) {
+      it->second->view.cookie = cookie;
+      it->second->view.order_index = index;
     }
-    int32_t index = -1;
-    const uint32_t cookie =
-        in_order_set ? PlaceInOrderSet(record.get(), manager, lock_set, &index) : host_.Publish(record.get());
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      auto it = orders_.find(level_key);
-      if (it != orders_.end()) {
-        it->second->view.cookie = cookie;
-        it->second->view.order_index = index;
-      }
-    }
-    if (host_.KeepsEvents()) {
-      Record("ExchangeSubmit", level_key, -1, L"SliceID=" + slice_id + L",Index=" + Decimal(index));
-    }
-    Variant data = Variant::I4(static_cast<int32_t>(cookie));
-    if (manager != nullptr) manager->SetTopic(L"TRADE.SLICE.MANAGER", 0, 0, Decimal(index), &data);
-  });
-  return level_key;
+  }
+  if (host_.KeepsEvents()) {
+    Record("ExchangeSubmit", parent.level_key, -1, L"SliceID=" + parent.slice_id + L",Index=" + Decimal(index));
+  }
+  Variant data = Variant::I4(static_cast<int32_t>(cookie));
+  if (manager != nullptr) manager->SetTopic(L"TRADE.SLICE.MANAGER", 0, 0, Decimal(index), &data);
+}
+
+std::wstring SimExchange::SubmitParent(const FieldList& fields, int64_t delay_ms, bool in_order_set) {
+  const NewParent parent = BookParent(fields, delay_ms);
+  if (parent.booked) loop_.Post(delay_ms, [this, parent, in_order_set] { HandOverParent(parent, in_order_set); });
+  return parent.level_key;
+}
+
+std::wstring SimExchange::SubmitParentNow(const FieldList& fields, bool in_order_set) {
+  const NewParent parent = BookParent(fields, 0);
+  if (parent.booked) HandOverParent(parent, in_order_set);
+  return parent.level_key;
 }
 
 void SimExchange::ReleaseParent(const std::wstring& parent_level_key, int64_t delay_ms) {
@@ -331,6 +355,16 @@ void SimExchange::ReleaseParent(const std::wstring& parent_level_key, int64_t de
   PostTopic(L"TRADE.SLICE.ORDER", 0, L"", Variant::I4(static_cast<int32_t>(host_.Publish(record))), delay_ms);
 }
 
+void SimExchange::ReleaseParentNow(const std::wstring& parent_level_key) {
+  IBaseData* record = OrderRecord(parent_level_key);
+  if (record == nullptr) {
+    Record("ExchangeIgnored", parent_level_key, -1, L"Reason=unknown parent");
+    return;
+  }
+  Variant data = Variant::I4(static_cast<int32_t>(host_.Publish(record)));
+  SendTopicNow(L"TRADE.SLICE.ORDER", 0, L"", &data);
+}
+
 void SimExchange::CancelParent(const std::wstring& level_key, bool cancel_all, int64_t delay_ms) {
   IBaseData* record = OrderRecord(level_key);
   if (record == nullptr) {
@@ -339,6 +373,16 @@ void SimExchange::CancelParent(const std::wstring& level_key, bool cancel_all, i
   }
   PostTopic(L"TRADE.SLICE.MANAGER.CANCEL", cancel_all ? 2 : 1, level_key,
             Variant::I4(static_cast<int32_t>(host_.Publish(record))), delay_ms);
+}
+
+void SimExchange::CancelParentNow(const std::wstring& level_key, bool cancel_all) {
+  IBaseData* record = OrderRecord(level_key);
+  if (record == nullptr) {
+    Record("ExchangeIgnored", level_key, -1, L"Reason=unknown order");
+    return;
+  }
+  Variant data = Variant::I4(static_cast<int32_t>(host_.Publish(record)));
+  SendTopicNow(L"TRADE.SLICE.MANAGER.CANCEL", cancel_all ? 2 : 1, level_key, &data);
 }
 
 void SimExchange::RenumberOrderSet(int64_t delay_ms) {
@@ -355,17 +399,20 @@ void SimExchange::WriteOrder(const std::wstring& level_key, const FieldList& fie
   loop_.PostWrite(record, fields, delay_ms);
 }
 
-void SimExchange::FillChild(const std::wstring& level_key, int32_t qty, int64_t delay_ms) {
+void SimExchange::FillChild(const std::wstring& level_key, int64_t qty, int64_t delay_ms) {
   loop_.Post(delay_ms, [this, level_key, qty] { ApplyFill(level_key, qty); });
 }
 
+void SimExchange::FillChildNow(const std::wstring& level_key, int64_t qty) { ApplyFill(level_key, qty); }
+
 void SimExchange::SetTradedVolume(const std::wstring& symbol, int64_t volume, int64_t delay_ms) {
   auto quote = Hold(host_.Topic(symbol));
-  loop_.Post(delay_ms, [quote, volume] {
-    const int32_t update = quote->BeginUpdate();
-    quote->SetData(update, kKindFieldById, Variant::I4(6), Variant::I8(volume));
-    quote->EndUpdate(update);
-  });
+  loop_.Post(delay_ms, [quote, volume] { WriteTradedVolume(quote.get(), volume); });
+}
+
+void SimExchange::SetTradedVolumeNow(const std::wstring& symbol, int64_t volume) {
+  auto quote = Hold(host_.Topic(symbol));
+  WriteTradedVolume(quote.get(), volume);
 }
 
 void SimExchange::SetSystemTime(int32_t date_yyyymmdd, int32_t time_hhmmss, int32_t time_diff_s, int64_t delay_ms) {
@@ -402,7 +449,7 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
   const CommandValues values = SplitNewOrder(command);
   auto text = [&values](NewOrderKey key) { return Variant::Text(std::wstring(values[key])); };
   auto i4 = [&values](NewOrderKey key) { return Variant::I4(WToL(values[key])); };
-  const int32_t qty = WToL(values[kQty]);
+  const int64_t qty = WToI64(values[kQty]);
   const std::wstring slice_id(values[kSlicedId]);
   const std::wstring symbol(values[kSymbol]);
   auto* order = new Entry;
@@ -432,9 +479,9 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
     set(ChildField::kPriceString, text(kPriceString));
     set(ChildField::kOrderType, i4(kOrderType));
     set(ChildField::kTimeInForce, i4(kTimeInForce));
-    set(ChildField::kOriginalQty, Variant::I4(qty));
-    set(ChildField::kOrderQty, Variant::I4(qty));
-    set(ChildField::kLeavesQty, Variant::I4(qty));
+    set(ChildField::kOriginalQty, QuantityValue(qty));
+    set(ChildField::kOrderQty, QuantityValue(qty));
+    set(ChildField::kLeavesQty, QuantityValue(qty));
     set(ChildField::kCumQty, Variant::I4(0));
     set(ChildField::kOrderId, Variant::Text(std::wstring()));
     set(ChildField::kSliceId, Variant::Text(slice_id));
@@ -516,7 +563,7 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
   const std::wstring level_key = SimHost::ReadText(object, L"LevelKey");
   const std::wstring slice_id = SimHost::ReadText(object, L"SliceID");
   const std::wstring symbol = SimHost::ReadText(object, L"Symbol");
-  const int32_t qty = SimHost::ReadI4(object, L"OrderQty", 0);
+  const int64_t qty = SimHost::ReadI8(object, L"OrderQty", 0);
   const int32_t sliced_type = SimHost::ReadI4(object, L"SlicedType", 0);
   bool work = false;
   int64_t ack_delay = 0;
@@ -571,7 +618,7 @@ void SimExchange::OnTransfer(const Variant* data) {
   }
   const std::wstring level_key = SimHost::ReadText(object, L"LevelKey");
   const std::wstring slice_id = SimHost::ReadText(object, L"SliceID");
-  const int32_t qty = SimHost::ReadI4(object, L"OrderQty", 0);
+  const int64_t qty = SimHost::ReadI8(object, L"OrderQty", 0);
   object->Release();
   {
     std::lock_guard<std::mutex> guard(lock_);
@@ -648,7 +695,7 @@ void SimExchange::Acknowledge(const std::wstring& level_key) {
       order->view.last_exec_type = exec_type;
       if (!order->view.final_portion) ++AccountFor(order->view.slice_id).children_acknowledged;
       const int32_t percent = std::clamp(order->behaviour.fill_percent, 0, 100);
-      order->fill_target = static_cast<int32_t>(static_cast<int64_t>(order->view.qty) * percent / 100);
+      order->fill_target = order->view.qty * percent / 100;
       order->fill_steps_left = std::max(1, order->behaviour.fill_steps);
       fill = order->fill_target > 0;
       fill_delay = order->behaviour.fill_delay_ms;
@@ -668,16 +715,16 @@ void SimExchange::Acknowledge(const std::wstring& level_key) {
 }
 
 void SimExchange::ScheduledFill(const std::wstring& level_key) {
-  int32_t chunk = 0;
+  int64_t chunk = 0;
   int64_t fill_delay = 0;
   {
     std::lock_guard<std::mutex> guard(lock_);
     auto it = orders_.find(level_key);
     if (it == orders_.end() || it->second->view.done) return;
     Entry* order = it->second;
-    const int32_t remaining = order->fill_target - order->view.cum_qty;
+    const int64_t remaining = order->fill_target - order->view.cum_qty;
     if (remaining <= 0 || order->fill_steps_left <= 0) return;
-    chunk = order->fill_steps_left == 1 ? remaining : std::max(1, remaining / order->fill_steps_left);
+    chunk = order->fill_steps_left == 1 ? remaining : std::max<int64_t>(1, remaining / order->fill_steps_left);
     --order->fill_steps_left;
     fill_delay = order->behaviour.fill_delay_ms;
   }
@@ -686,18 +733,18 @@ void SimExchange::ScheduledFill(const std::wstring& level_key) {
   }
 }
 
-bool SimExchange::ApplyFill(const std::wstring& level_key, int32_t qty) {
+bool SimExchange::ApplyFill(const std::wstring& level_key, int64_t qty) {
   std::shared_ptr<IBaseData> record;
   int32_t exec_type;
-  int32_t cum;
-  int32_t leaves;
+  int64_t cum;
+  int64_t leaves;
   bool more;
   {
     std::lock_guard<std::mutex> guard(lock_);
     auto it = orders_.find(level_key);
     if (it == orders_.end() || it->second->view.done) return false;
     Entry* order = it->second;
-    const int32_t fill = std::clamp(qty, 0, order->view.leaves_qty);
+    const int64_t fill = std::clamp<int64_t>(qty, 0, order->view.leaves_qty);
     if (fill <= 0) return false;
     order->view.cum_qty += fill;
     order->view.leaves_qty -= fill;
@@ -725,8 +772,8 @@ bool SimExchange::ApplyFill(const std::wstring& level_key, int32_t qty) {
                Decimal(leaves));
   }
   WriteFields(record.get(), {{ChildField::kExecType, Variant::I4(exec_type)},
-                             {ChildField::kCumQty, Variant::I4(cum)},
-                             {ChildField::kLeavesQty, Variant::I4(leaves)}});
+                             {ChildField::kCumQty, QuantityValue(cum)},
+                             {ChildField::kLeavesQty, QuantityValue(leaves)}});
   return more;
 }
 

@@ -117,13 +117,13 @@ struct ParentAccount {
   int64_t qty_sent = 0;                // sum of the children's QTY
   int64_t qty_filled = 0;              // children's fills plus the final portion's
   bool final_portion = false;          // "TRADE.HOT.MONTH" received from the manager
-  int32_t final_portion_qty = 0;       // its "OrderQty" when received
+  int64_t final_portion_qty = 0;       // its "OrderQty" when received
   bool final_portion_filled = false;
   bool transferred = false;            // "TRADE.TRANSFER.POSITION" received
   int64_t start_ms = -1;               // first child command or the submission
   int64_t end_ms = -1;                 // final portion filled or position transferred
   std::vector<std::wstring> children;  // level keys in the order sent
-  std::vector<int32_t> child_qtys;     // QTY of each, same order
+  std::vector<int64_t> child_qtys;     // QTY of each, same order
 };
 
 // One order the exchange works (a child, or a parent's final portion).
@@ -134,9 +134,11 @@ struct ExchangeOrder {
   std::wstring order_id;       // empty until acknowledged
   std::wstring command;        // the new-order command (empty for a final portion, and while
                                // the host keeps no events)
-  int32_t qty = 0;
-  int32_t cum_qty = 0;
-  int32_t leaves_qty = 0;
+  // Quantities as the records hold them: 32 bits from the manager, up to 64
+  // bits from a scenario's parent sent whole as its final portion.
+  int64_t qty = 0;
+  int64_t cum_qty = 0;
+  int64_t leaves_qty = 0;
   int32_t last_exec_type = -1; // -1 before anything was written
   int32_t order_index = -1;    // place in the order set (-1 for a final portion)
   uint32_t cookie = 0;         // interface-table cookie of its record
@@ -183,13 +185,21 @@ class SimExchange {
   // the loop (a lock held across clock steps would stall the manager's timer
   // callbacks, which a virtual clock waits for).
   void RenumberOrderSet(int64_t delay_ms = 0);
+  // The same at once, on the calling thread, which must be the loop's own (a
+  // host action that makes these calls in its own order).
+  std::wstring SubmitParentNow(const FieldList& fields, bool in_order_set = true);
+  void ReleaseParentNow(const std::wstring& parent_level_key);
+  void CancelParentNow(const std::wstring& level_key, bool cancel_all);
   // One batch write into an order made here (child or parent).
   void WriteOrder(const std::wstring& level_key, const FieldList& fields, int64_t delay_ms = 0);
   // A fill of `qty` on a working child (ExecType 1, or 3 when it completes).
-  void FillChild(const std::wstring& level_key, int32_t qty, int64_t delay_ms = 0);
+  void FillChild(const std::wstring& level_key, int64_t qty, int64_t delay_ms = 0);
   // The quote record named by `symbol` (made on first use): traded volume
   // at field id 6, written with kind 1 as VT_I8.
   void SetTradedVolume(const std::wstring& symbol, int64_t volume, int64_t delay_ms = 0);
+  // FillChild and SetTradedVolume at once, on the loop's own thread.
+  void FillChildNow(const std::wstring& level_key, int64_t qty);
+  void SetTradedVolumeNow(const std::wstring& symbol, int64_t volume);
   // The host's "NordaSystemTime" record: "SystemDate", "SystemTime",
   // "TimeDiff".
   void SetSystemTime(int32_t date_yyyymmdd, int32_t time_hhmmss, int32_t time_diff_s, int64_t delay_ms = 0);
@@ -235,11 +245,24 @@ class SimExchange {
   // The next of the behaviour's fills; re-posts itself while more are due.
   void ScheduledFill(const std::wstring& level_key);
   // Fills `qty` (capped at what is left); true when scheduled fills go on.
-  bool ApplyFill(const std::wstring& level_key, int32_t qty);
+  bool ApplyFill(const std::wstring& level_key, int64_t qty);
   void EndWith(const std::wstring& level_key, int32_t exec_type, const char* ev);
   void Record(const char* ev, const std::wstring& level_key, int32_t exec_type, const std::wstring& text);
   void PostTopic(const std::wstring& topic, int32_t param2, const std::wstring& text, Variant data,
                  int64_t delay_ms);
+  // SetTopic to the manager (param1 0) on the calling thread.
+  void SendTopicNow(const std::wstring& topic, int32_t param2, const std::wstring& text, Variant* data);
+  // A parent entered by the host: booked at once, handed to the manager on
+  // the loop.
+  struct NewParent {
+    std::wstring level_key;
+    std::wstring slice_id;
+    std::shared_ptr<IBaseData> record;
+    bool lock_set = false;  // place it in the order set under "ORDERSET.LOCK"
+    bool booked = false;    // false: a duplicate level key, ignored
+  };
+  NewParent BookParent(const FieldList& fields, int64_t delay_ms);  // not under lock_
+  void HandOverParent(const NewParent& parent, bool in_order_set);   // on the loop
   uint32_t AddToOrderSet(IBaseData* record, int32_t* index);  // returns the cookie
   // AddToOrderSet between "ORDERSET.LOCK" and "ORDERSET.UNLOCK" sent to
   // `manager` when `lock_set` (and there is a manager); run on the loop.

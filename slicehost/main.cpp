@@ -1,134 +1,52 @@
 // slicehost: the platform host simulator around the slice manager.
 //
-//   slicehost demo   [--transcript FILE] [--report FILE.html] [--real-time] [--quiet] [--verbose]
+//   slicehost demo   [--transcript FILE] [--report FILE.html] [--real-time] [--quiet | --summary-only] [--verbose]
 //   slicehost run SCENARIO.json [the same options] [--expect GOLDEN] [--write-golden NEW]
+//   slicehost check SCENARIO.json
 //   slicehost bench  [--parents N] [--children N] [--kind iceberg|slice-all]
+//   slicehost --version; slicehost VERB --help
 //
-// Exit codes: 0 done (and the transcript matched its golden file), 1 the
-// transcript differs from the golden file or the run failed, 2 bad command
-// line, bad scenario file, or a file that cannot be read or written.
+// Exit codes (command_line.h): 0 done (and the transcript matched its golden
+// file; check found nothing), 1 the transcript differs from the golden file,
+// the run failed, or check found warnings, 2 bad command line, bad scenario
+// file, or a file that cannot be read or written.
 //
 // Threading: the main thread parses, plays the scenario (driving the clock)
 // and prints; the run's own threads are started and ended inside RunScenario.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <set>
 #include <string>
 #include <variant>
 #include <vector>
 
+#include "data/text.h"
 #include "platform/process_memory.h"
+#include "slicehost/bench.h"
+#include "slicehost/command_line.h"
+#include "slicehost/demo_scenario.h"
+#include "slicehost/parent_summary.h"
+#include "slicehost/player.h"
 #include "slicehost/report.h"
-#include "slicehost/runner.h"
 #include "slicehost/scenario.h"
+#include "slicehost/scenario_check.h"
+#include "slicehost/timeline.h"
 #include "slicehost/transcript.h"
 
 namespace {
 
+using namespace tsm;
 using namespace tsm::sim;
 
-constexpr int kOk = 0;
-constexpr int kFailed = 1;
-constexpr int kBadInput = 2;
-
-const char kUsage[] =
-    "usage:\n"
-    "  slicehost demo [--transcript FILE] [--report FILE.html] [--real-time] [--quiet] [--verbose]\n"
-    "  slicehost run SCENARIO.json [--transcript FILE] [--report FILE.html] [--real-time] [--quiet] [--verbose]\n"
-    "                [--expect GOLDEN.jsonl] [--write-golden NEW.jsonl]\n"
-    "  slicehost bench [--parents N] [--children N] [--kind iceberg|slice-all]\n"
-    "\n"
-    "demo     plays the embedded demo scenario and prints its timeline and summary\n"
-    "run      plays a scenario file (format: docs/scenarios.md)\n"
-    "bench    many parents with instant fills on the virtual clock; prints children per second\n"
-    "\n"
-    "--transcript FILE     every call across the host link as JSON Lines\n"
-    "--report FILE.html    a self-contained HTML report with a chart per parent\n"
-    "--real-time           the wall clock instead of the virtual one\n"
-    "--quiet               no timeline and no summary\n"
-    "--verbose             the timeline shows log lines and fetches too\n"
-    "--expect GOLDEN       compare the transcript with a golden file; exit 1 at the first difference\n"
-    "--write-golden NEW    write a new golden transcript (refuses to replace one: goldens are reviewed)\n";
-
-struct Options {
-  std::string command;
-  bool help = false;
-  std::string scenario_path;
-  std::string transcript;
-  std::string report;
-  std::string expect;
-  std::string write_golden;
-  bool real_time = false;
-  bool quiet = false;
-  bool verbose = false;
-  int parents = 1000;
-  int children = 20;
-  int32_t bench_kind = 1;
-};
-
 int Usage(const std::string& problem) {
-  std::fprintf(stderr, "slicehost: %s\n\n%s", problem.c_str(), kUsage);
-  return kBadInput;
+  std::fprintf(stderr, "slicehost: %s\n\n%s", problem.c_str(), HelpText("").c_str());
+  return kExitBadInput;
 }
 
-bool ParseCount(const std::string& text, int low, int high, int* out) {
-  char* end = nullptr;
-  const long value = std::strtol(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0' || value < low || value > high) return false;
-  *out = static_cast<int>(value);
-  return true;
-}
-
-// Returns an empty text when the command line is good.
-std::string ParseArgs(int argc, char** argv, Options* o) {
-  if (argc < 2) return "no command given";
-  o->command = argv[1];
-  if (o->command == "help" || o->command == "--help" || o->command == "-h") {
-    o->help = true;
-    return {};
-  }
-  if (o->command != "demo" && o->command != "run" && o->command != "bench") {
-    return "unknown command \"" + o->command + "\"";
-  }
-  for (int i = 2; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&](std::string* out) {
-      if (i + 1 >= argc) return false;
-      *out = argv[++i];
-      return true;
-    };
-    std::string number;
-    if (arg == "--transcript") {
-      if (!value(&o->transcript)) return "--transcript needs a file name";
-    } else if (arg == "--report") {
-      if (!value(&o->report)) return "--report needs a file name";
-    } else if (arg == "--expect" && o->command == "run") {
-      if (!value(&o->expect)) return "--expect needs a golden file";
-    } else if (arg == "--write-golden" && o->command == "run") {
-      if (!value(&o->write_golden)) return "--write-golden needs a file name";
-    } else if (arg == "--real-time") {
-      o->real_time = true;
-    } else if (arg == "--quiet") {
-      o->quiet = true;
-    } else if (arg == "--verbose") {
-      o->verbose = true;
-    } else if (arg == "--parents" && o->command == "bench") {
-      if (!value(&number) || !ParseCount(number, 1, 1000000, &o->parents)) return "--parents needs a count of 1 or more";
-    } else if (arg == "--kind" && o->command == "bench") {
-      if (!value(&number) || (number != "iceberg" && number != "slice-all")) return "--kind needs iceberg or slice-all";
-      o->bench_kind = number == "iceberg" ? 1 : 4;
-    } else if (arg == "--children" && o->command == "bench") {
-      if (!value(&number) || !ParseCount(number, 1, 100000, &o->children)) {
-        return "--children needs a count of 1 or more";
-      }
-    } else if (o->command == "run" && o->scenario_path.empty() && !arg.empty() && arg[0] != '-') {
-      o->scenario_path = arg;
-    } else {
-      return "unexpected argument \"" + arg + "\" for " + o->command;
-    }
-  }
-  if (o->command == "run" && o->scenario_path.empty()) return "run needs a scenario file";
-  return {};
+std::string VersionText() {
+  const std::string version = TSM_VERSION;
+  return "slicehost " + (version.empty() ? std::string("(no version set)") : version) + "\n";
 }
 
 int Bench(const Options& o) {
@@ -144,7 +62,7 @@ int Bench(const Options& o) {
   std::printf("real time:                    %.3f s\n", r.wall_seconds);
   std::printf("children per second:          %.0f\n", r.children_per_second);
   std::printf("host-thread us per parent:    %.1f\n", r.host_us_per_parent);
-  return kOk;
+  return kExitOk;
 }
 
 // Prints the timeline as the events come and counts the lines it leaves
@@ -177,20 +95,66 @@ class Timeline {
   size_t hidden_ = 0;
 };
 
+// Parses the scenario of `o` (the demo or a file); false after printing
+// why it cannot be played.
+bool LoadScenario(const Options& o, Scenario* scenario) {
+  auto parsed = o.command == "demo" ? ParseScenario(DemoScenarioJson(), "demo") : LoadScenarioFile(o.scenario_path);
+  if (auto* error = std::get_if<ScenarioError>(&parsed)) {
+    std::fprintf(stderr, "slicehost: %s\n", error->message.c_str());
+    return false;
+  }
+  *scenario = std::get<Scenario>(std::move(parsed));
+  return true;
+}
+
+// Prints `warnings` of `scenario` on standard error; returns the steps they
+// concern (JSON pointers).
+std::set<std::string> PrintWarnings(const Scenario& scenario, const std::vector<ScenarioWarning>& warnings) {
+  std::set<std::string> steps;
+  for (const ScenarioWarning& warning : warnings) {
+    std::fprintf(stderr, "slicehost: %s\n", WarningLine(scenario, warning).c_str());
+    const size_t slash = warning.where.find('/', std::string("/steps/").size());
+    if (warning.where.rfind("/steps/", 0) == 0) steps.insert(warning.where.substr(0, slash));
+  }
+  std::fflush(stderr);
+  return steps;
+}
+
+// Steps the run skipped that no warning before the run foresaw (a child
+// that was never made, say).
+void PrintSkippedSteps(const Scenario& scenario, const RunResult& result, const std::set<std::string>& warned) {
+  for (const HostEvent& e : result.events) {
+    if (e.ev != "HostStepIgnored") continue;
+    const std::string text = Utf8FromWide(e.text);
+    const size_t at = text.find("Step=");
+    const std::string step = at == std::string::npos ? std::string() : text.substr(at + 5);
+    if (warned.count(step) != 0) continue;
+    ScenarioWarning warning{step, "skipped at " + FormatSimTime(e.t_ms) + ": " + Utf8FromWide(e.topic) + ", " +
+                                      text.substr(0, at == std::string::npos ? text.size() : at - 1)};
+    std::fprintf(stderr, "slicehost: %s\n", WarningLine(scenario, warning).c_str());
+  }
+}
+
+int Check(const Options& o) {
+  Scenario scenario;
+  if (!LoadScenario(o, &scenario)) return kExitBadInput;
+  const std::vector<ScenarioWarning> warnings = CheckScenario(scenario);
+  PrintWarnings(scenario, warnings);
+  if (warnings.empty()) {
+    std::printf("%s: no warnings\n", scenario.source.c_str());
+    return kExitOk;
+  }
+  std::printf("%s: %zu warning%s\n", scenario.source.c_str(), warnings.size(), warnings.size() == 1 ? "" : "s");
+  return kExitFailed;
+}
+
 int Play(const Options& o) {
   Scenario scenario;
-  {
-    auto parsed = o.command == "demo" ? ParseScenario(DemoScenarioJson(), "demo") : LoadScenarioFile(o.scenario_path);
-    if (auto* error = std::get_if<ScenarioError>(&parsed)) {
-      std::fprintf(stderr, "slicehost: %s\n", error->message.c_str());
-      return kBadInput;
-    }
-    scenario = std::get<Scenario>(std::move(parsed));
-  }
+  if (!LoadScenario(o, &scenario)) return kExitBadInput;
   std::string golden;
   if (!o.expect.empty() && !ReadFileBytes(o.expect, &golden)) {
     std::fprintf(stderr, "slicehost: %s: cannot be read\n", o.expect.c_str());
-    return kBadInput;
+    return kExitBadInput;
   }
   if (!o.write_golden.empty()) {
     std::string existing;
@@ -199,47 +163,53 @@ int Play(const Options& o) {
                    "slicehost: %s exists: golden transcripts are reviewed, not regenerated; compare with --transcript "
                    "and --expect, and replace it by hand when the change is intended\n",
                    o.write_golden.c_str());
-      return kBadInput;
+      return kExitBadInput;
     }
   }
+  const std::set<std::string> warned = PrintWarnings(scenario, CheckScenario(scenario));
 
   RunOptions options;
   options.real_time = o.real_time;
   Timeline timeline(o.verbose);
+  const bool timeline_shown = !o.quiet && !o.summary_only;
   if (!o.quiet) {
     std::printf("%s\n\n", scenario.description.empty() ? scenario.name.c_str() : scenario.description.c_str());
+  }
+  if (timeline_shown) {
     std::printf("time        dir event                         detail  (-> host to manager, <- manager to host)\n");
     options.on_event = [&timeline](const HostEvent& e) { timeline.Print(e); };
   }
   const RunResult result = RunScenario(scenario, options);
   std::fflush(stdout);
+  PrintSkippedSteps(scenario, result, warned);
 
-  int status = kOk;
+  int status = kExitOk;
   std::string error;
   if (!o.transcript.empty() && !WriteTranscript(o.transcript, result.events, &error)) {
     std::fprintf(stderr, "slicehost: %s\n", error.c_str());
-    status = kBadInput;
+    status = kExitBadInput;
   }
   if (!o.write_golden.empty() && !WriteTranscript(o.write_golden, result.events, &error)) {
     std::fprintf(stderr, "slicehost: %s\n", error.c_str());
-    status = kBadInput;
+    status = kExitBadInput;
   }
   if (!o.report.empty() && !WriteReport(o.report, result, &error)) {
     std::fprintf(stderr, "slicehost: %s\n", error.c_str());
-    status = kBadInput;
+    status = kExitBadInput;
   }
-  if (!o.quiet) {
+  if (timeline_shown) {
     const size_t hidden = timeline.Hidden(result.events);
     if (hidden > 0) {
       std::printf("(%zu log lines, fetches and security-information requests not shown; --verbose shows them)\n",
                   hidden);
     }
-    std::printf("\n%s", SummaryText(result).c_str());
+    std::printf("\n");
   }
+  if (!o.quiet) std::printf("%s", SummaryText(result).c_str());
   if (!o.expect.empty()) {
     if (auto difference = CompareTranscripts(golden, TranscriptText(result.events))) {
       std::fprintf(stderr, "slicehost: transcript differs from %s at %s\n", o.expect.c_str(), difference->c_str());
-      return kFailed;
+      return kExitFailed;
     }
     if (!o.quiet) std::printf("transcript matches %s\n", o.expect.c_str());
   }
@@ -257,13 +227,23 @@ int main(int argc, char** argv) {
     const std::string problem = ParseArgs(argc, argv, &o);
     if (!problem.empty()) return Usage(problem);
     if (o.help) {
-      std::printf("%s", kUsage);
-      return kOk;
+      std::printf("%s", HelpText(o.command).c_str());
+      return kExitOk;
+    }
+    if (o.version) {
+      std::printf("%s", VersionText().c_str());
+      return kExitOk;
+    }
+    const std::string file_problem = CheckFiles(o);
+    if (!file_problem.empty()) {
+      std::fprintf(stderr, "slicehost: %s\n", file_problem.c_str());
+      return kExitBadInput;
     }
     if (o.command == "bench") return Bench(o);
+    if (o.command == "check") return Check(o);
     return Play(o);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "slicehost: the run failed: %s\n", e.what());
-    return kFailed;
+    return kExitFailed;
   }
 }

@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "slicehost/runner.h"
+#include "slicehost/run_result.h"
 
 namespace tsm::sim {
 

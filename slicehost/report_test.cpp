@@ -4,7 +4,10 @@
 
 #include <string>
 
+#include "slicehost/parent_summary.h"
+#include "slicehost/player.h"
 #include "slicehost/scenario.h"
+#include "slicehost/timeline.h"
 
 namespace tsm::sim {
 namespace {
@@ -51,6 +54,8 @@ RunResult TwoParents() {
   r.name = "two <parents>";
   r.description = "a & b";
   r.duration_ms = 10000;
+  r.clock_origin_ms = *ParseUtcTime("2026-11-23T01:30:00Z") + 28800 * 1000LL;
+  r.time_offset_s = 28800;
   r.parents = {Parent(L"P1", 1000), Parent(L"P2", 600)};
   return r;
 }
@@ -75,8 +80,8 @@ TEST(Report, NeedsNothingFromANetwork) {
 
 TEST(Report, HasOneChartPerParent) {
   const std::string html = ReportHtml(TwoParents());
-  EXPECT_EQ(Count(html, "<svg "), 2u);
-  EXPECT_EQ(Count(html, "</svg>"), 2u);
+  EXPECT_EQ(Count(html, "<svg class=\"chart\""), 2u);
+  EXPECT_EQ(Count(html, "<svg "), Count(html, "</svg>"));
   EXPECT_EQ(Count(html, "<section class=\"parent\""), 2u);
   EXPECT_EQ(Count(html, "<polyline "), 2u);  // quantity not yet filled
   EXPECT_NE(html.find("id=\"parent-P1\""), std::string::npos);
@@ -98,7 +103,10 @@ TEST(Report, HasTheSummaryTableWithARowPerParent) {
   const size_t end = html.find("</tbody>");
   ASSERT_NE(body, std::string::npos);
   EXPECT_EQ(Count(html.substr(body, end - body), "<tr>"), 2u);
-  EXPECT_NE(html.find("<th>Final portion</th>"), std::string::npos);
+  EXPECT_NE(html.find("<th>Final</th>"), std::string::npos);
+  EXPECT_NE(html.find("<th>Filled qty</th>"), std::string::npos);
+  EXPECT_NE(html.find("<th>Cancelled qty</th>"), std::string::npos);
+  EXPECT_NE(html.find("<th>Outcome</th>"), std::string::npos);
 }
 
 TEST(Report, EscapesTexts) {
@@ -127,8 +135,79 @@ TEST(Report, OfARealRun) {
   EXPECT_EQ(result.parents[1].account.children_sent, 2);
   EXPECT_EQ(result.parents[1].remaining.back().second, 0);
   const std::string html = ReportHtml(result);
-  EXPECT_EQ(Count(html, "<svg "), 2u);
+  EXPECT_EQ(Count(html, "<svg class=\"chart\""), 2u);
+  EXPECT_EQ(Count(html, "<svg class=\"overview\""), 1u);
   EXPECT_EQ(Count(html, "<rect class=\"child filled"), 6u);  // two children and a final portion each
+  EXPECT_EQ(Count(html, "<p class=\"outcome\">finished at "), 2u);
+}
+
+TEST(Report, OverviewComesFirstWithARowPerParent) {
+  const std::string html = ReportHtml(TwoParents());
+  const size_t overview = html.find("<svg class=\"overview\"");
+  ASSERT_NE(overview, std::string::npos);
+  EXPECT_LT(overview, html.find("<svg class=\"chart\""));
+  const std::string svg = html.substr(overview, html.find("</svg>", overview) - overview);
+  EXPECT_EQ(Count(svg, "<rect class=\"parent "), 2u);
+  EXPECT_NE(svg.find("<a href=\"#parent-P1\">"), std::string::npos);
+  EXPECT_NE(svg.find("<a href=\"#parent-P2\">"), std::string::npos);
+  EXPECT_NE(svg.find("exchange time (UTC+08:00)"), std::string::npos);
+}
+
+TEST(Report, EachParentSaysHowItEnded) {
+  const RunResult run = TwoParents();
+  const std::string html = ReportHtml(run);
+  EXPECT_EQ(Count(html, "<p class=\"outcome\">"), 2u);
+  EXPECT_NE(html.find("<p class=\"outcome\">" + ParentOutcome(run.parents[0]) + "; filled "), std::string::npos);
+  EXPECT_EQ(Count(html, "<td class=\"outcome\">"), 2u);
+}
+
+TEST(Report, TimeAxisIsInExchangeClockTimeWithRoundTicksAndATitle) {
+  const std::string html = ReportHtml(TwoParents());
+  // P1's chart runs from 1000 to 3000 ms after 09:30:00: ticks every 500 ms.
+  const size_t chart = html.find("<svg class=\"chart\"");
+  const std::string svg = html.substr(chart, html.find("</svg>", chart) - chart);
+  EXPECT_NE(svg.find(">09:30:01.000</text>"), std::string::npos) << svg;
+  EXPECT_NE(svg.find(">09:30:01.500</text>"), std::string::npos);
+  EXPECT_NE(svg.find(">09:30:03.000</text>"), std::string::npos);
+  EXPECT_EQ(Count(svg, "class=\"tick-label\""), 5u);
+  EXPECT_EQ(Count(svg, ">exchange time (UTC+08:00)</text>"), 1u);
+}
+
+TEST(Report, ChildBarsCarryQuantityFillsAndCommandOnHover) {
+  RunResult run = TwoParents();
+  ChildSpan& c1 = run.parents[0].children[0];
+  c1.filled = 500;
+  c1.fills = {{1500, 200}, {2000, 300}};
+  c1.command = L"TYPE=S,SYMBOL=QX.S.TW.2330,QTY=500";
+  const std::string html = ReportHtml(run);
+  EXPECT_NE(html.find("<title>C1: qty 500, filled 500, filled; 00:01.100 to 00:02.000\nfills: 200 at 00:01.500; "
+                      "300 at 00:02.000\nTYPE=S,SYMBOL=QX.S.TW.2330,QTY=500</title>"),
+            std::string::npos);
+  EXPECT_EQ(Count(html, "class=\"fill-mark\""), 2u);
+  EXPECT_NE(html.find("class=\"bar-label\""), std::string::npos);
+}
+
+TEST(Report, ParkedStretchIsShadedWithItsReason) {
+  RunResult run = TwoParents();
+  run.parents[0].parked = {{1000, 1100, "09:00"}};
+  const std::string html = ReportHtml(run);
+  // Shaded in the overview and in the parent's chart.
+  EXPECT_EQ(Count(html, "<rect class=\"parked\""), 2u);
+  EXPECT_NE(html.find("<title>parked outside its sessions: waiting for the session that opens at 09:00 (00:01.000 "
+                      "to 00:01.100)</title>"),
+            std::string::npos);
+}
+
+TEST(Report, RejectedBarsAreHatchedAndMarkedNotOnlyColoured) {
+  RunResult run = TwoParents();
+  run.parents[0].children[1].outcome = "rejected";
+  const std::string html = ReportHtml(run);
+  EXPECT_NE(html.find("<pattern id=\"hatch-rejected\""), std::string::npos);
+  EXPECT_EQ(Count(html, "fill=\"url(#hatch-rejected)\""), 2u);  // the bar and the legend
+  EXPECT_EQ(Count(html, "class=\"reject-mark\""), 1u);
+  // No red against green.
+  EXPECT_EQ(html.find("#2e7d32"), std::string::npos);
+  EXPECT_EQ(html.find("#c62828"), std::string::npos);
 }
 
 TEST(RunOutput, SimulatedTimesAreMinutesSecondsAndMilliseconds) {

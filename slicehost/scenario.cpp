@@ -1,5 +1,6 @@
 #include "slicehost/scenario.h"
 
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <limits>
@@ -51,7 +52,11 @@ const char* KindName(const Value& v) {
     case rapidjson::kObjectType: return "an object";
     case rapidjson::kArrayType: return "an array";
     case rapidjson::kStringType: return "a string";
-    case rapidjson::kNumberType: return v.IsInt64() || v.IsUint64() ? "an integer" : "a fractional number";
+    case rapidjson::kNumberType:
+      if (v.IsInt64() || v.IsUint64()) return "an integer";
+      // Integers beyond 64 bits reach here as doubles too.
+      return std::fabs(v.GetDouble()) >= 9223372036854775808.0 ? "a number too large for 64 bits"
+                                                                : "a fractional number";
   }
   return "something else";
 }

@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "slicehost/runner.h"
+#include "slicehost/demo_scenario.h"
 
 namespace tsm::sim {
 namespace {
@@ -165,6 +165,15 @@ TEST(ScenarioParse, StepAfterTheEndIsReported) {
 TEST(ScenarioParse, FractionalNumberIsReported) {
   EXPECT_EQ(Error(R"({"steps": [{"at": 1.5, "do": "SetStage", "stage": 1}]})"),
             "bad.json: at /steps/0/at: expected an integer from 0 to 60000, found a fractional number");
+}
+
+TEST(ScenarioParse, IntegerBeyond64BitsIsCalledTooLargeNotFractional) {
+  EXPECT_EQ(Error(R"({"steps": [{"at": 0, "do": "Submit", "fields": {"LevelKey": "P1",
+                      "OrderQty": 99999999999999999999}}]})"),
+            "bad.json: at /steps/0/fields/OrderQty: expected an integer from -9223372036854775808 to "
+            "9223372036854775807, found a number too large for 64 bits");
+  EXPECT_EQ(Error(R"({"steps": [{"at": 99999999999999999999, "do": "SetStage", "stage": 1}]})"),
+            "bad.json: at /steps/0/at: expected an integer from 0 to 60000, found a number too large for 64 bits");
 }
 
 TEST(ScenarioParse, VolumeOfAnUndeclaredSymbolIsReported) {

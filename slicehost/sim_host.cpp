@@ -166,6 +166,17 @@ int32_t SimHost::ToI4(const Variant& value, int32_t fallback) {
   return fallback;
 }
 
+int64_t SimHost::ReadI8(IBaseData* record, const std::wstring& field, int64_t fallback) {
+  return ToI8(Read(record, field), fallback);
+}
+
+int64_t SimHost::ToI8(const Variant& value, int64_t fallback) {
+  if (value.type() == VarType::I4) return value.i4();
+  if (value.type() == VarType::I8) return value.i8();
+  if (value.type() == VarType::BStr) return WToI64(value.text());
+  return fallback;
+}
+
 IBaseData* SimHost::FromCookie(const Variant* data) {
   if (data == nullptr || data->type() != VarType::I4 || data->i4() == 0) return nullptr;
   IBaseData* object = nullptr;

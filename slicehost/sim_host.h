@@ -70,6 +70,9 @@ class SimHost final : public INordaManagerEvents {
   static int32_t ReadI4(IBaseData* record, const std::wstring& field, int32_t fallback);
   // The conversion ReadI4 makes, for a value in hand.
   static int32_t ToI4(const Variant& value, int32_t fallback);
+  // A number of up to 64 bits (VT_I4, VT_I8 or decimal text) as it stands.
+  static int64_t ReadI8(IBaseData* record, const std::wstring& field, int64_t fallback);
+  static int64_t ToI8(const Variant& value, int64_t fallback);
   // The record behind a VT_I4 cookie, with a new reference; null otherwise.
   static IBaseData* FromCookie(const Variant* data);
   uint32_t Publish(IBaseData* record);

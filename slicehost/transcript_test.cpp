@@ -9,8 +9,8 @@
 
 #include <rapidjson/document.h>
 
-#include "slicehost/runner.h"
 #include "data/text.h"
+#include "slicehost/player.h"
 #include "slicehost/scenario.h"
 
 namespace tsm::sim {
@@ -200,6 +200,48 @@ TEST(TranscriptOfARun, StepNamingAnUnknownOrderIsSkippedWithAnEvent) {
             R"({"t":600,"ev":"HostStepIgnored","subject":"nowhere","text":"Reason=unknown record,Step=/steps/1"})");
   EXPECT_EQ(result.events.back().ev, "SetStage");
   EXPECT_EQ(result.events.back().p2, 4);
+}
+
+TEST(TranscriptOfARun, StepsOfOneMillisecondReachTheManagerInFileOrder) {
+  // A parent on release (SlicedType 5) only waits, so every step's call
+  // reaches the manager whatever it does with it.
+  auto parsed = ParseScenario(R"({"duration_ms": 3000,
+    "securities": [{"symbol": "QX.S.TW.2330", "info": "2330|100|x|100"}],
+    "steps": [
+      {"at": 1000, "do": "Submit", "fields": {"LevelKey": "P1", "SliceID": "S1", "Symbol": "QX.S.TW.2330",
+        "Side": "B", "SecurityType": "S", "OrderQty": 300, "LeavesQty": 300, "SendQty": 300,
+        "DiscloseQty": 100, "SlicedType": 5, "TimeInForce": 6}},
+      {"at": 1000, "do": "SetTopic", "topic": "TRADE.SLICE.ORDER", "data": {"record": "P1"}},
+      {"at": 1000, "do": "Release", "order": "P1"},
+      {"at": 1000, "do": "Renumber", "order": ["P1"]},
+      {"at": 1000, "do": "Cancel", "order": "P1", "all": true}]})",
+                              "order.json");
+  const RunResult result = RunScenario(std::get<Scenario>(parsed), RunOptions());
+  std::vector<std::string> calls;
+  for (const HostEvent& e : result.events) {
+    if (e.ev == "SetTopic" && e.t_ms == 1000) calls.push_back(Utf8FromWide(e.topic));
+  }
+  EXPECT_EQ(calls, (std::vector<std::string>{"TRADE.SLICE.MANAGER", "TRADE.SLICE.ORDER", "TRADE.SLICE.ORDER",
+                                              "ORDERSET.LOCK", "ORDERSET.UNLOCK", "TRADE.SLICE.MANAGER.CANCEL"}));
+}
+
+TEST(TranscriptOfARun, SystemTimeTickComesAfterTheStepsOfItsMillisecond) {
+  // 08:59:31 exchange time at 1000: a parent parked less than a minute
+  // before its session opens hears every system time tick, the one at
+  // 1000 included when the tick comes after the step that parks it.
+  auto parsed = ParseScenario(R"({"duration_ms": 2500, "start": "2026-11-23T00:59:30Z", "time_offset": 28800,
+    "securities": [{"symbol": "QX.S.TW.2330", "info": "2330|100|x|100", "sessions": "09:00~11:30"}],
+    "steps": [
+      {"at": 1000, "do": "Submit", "fields": {"LevelKey": "P1", "SliceID": "S1", "Symbol": "QX.S.TW.2330",
+        "Side": "B", "SecurityType": "S", "OrderQty": 300, "LeavesQty": 300, "SendQty": 300,
+        "DiscloseQty": 100, "SlicedType": 1}}]})",
+                              "tick.json");
+  const RunResult result = RunScenario(std::get<Scenario>(parsed), RunOptions());
+  std::vector<int64_t> heard;
+  for (const HostEvent& e : result.events) {
+    if (e.ev == "WriteLog" && e.text.find(L"OnDataUpdate : LevelKey=P1") != std::wstring::npos) heard.push_back(e.t_ms);
+  }
+  EXPECT_EQ(heard, (std::vector<int64_t>{1000, 2000}));
 }
 
 TEST(TranscriptOfARun, RealTimeRunPlaysTheSameSteps) {
