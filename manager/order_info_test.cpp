@@ -209,6 +209,18 @@ TEST_F(OrderInfoTest, ChildThatHasATimerAlreadyKeepsIt) {
   EXPECT_FALSE(Logged(L"Timer Order: Interval=5000, LeftoverAction=1"));
 }
 
+TEST_F(OrderInfoTest, TimedChildOfAParentWithoutIntervalNeverGetsItsStep) {
+  // A type 2 parent without "Interval" keeps -2147483648 in its parameters;
+  // its children's timers are armed with it and, as on Windows, never fire.
+  TimedSlice(L"2,-2147483648,1");
+  Deliver(Order(L"C1"));
+  EXPECT_TRUE(Logged(L"Timer Order: Interval=-2147483648, LeftoverAction=1"));
+  Advance(100000);
+  EXPECT_TRUE(peer_.OrderToTimer().Contains(L"C1"));
+  EXPECT_FALSE(Logged(L"[Sliced Info] :C1, 2,-2147483648,1"));
+  EXPECT_TRUE(Sent(L"TRADE.CANCELORDER").empty());
+}
+
 TEST_F(OrderInfoTest, After2000TimedOrdersTheIdsWrapTo3001) {
   // A short interval: each order's step runs before the next order comes, so
   // the ids are handed out by the intake alone.

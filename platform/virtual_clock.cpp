@@ -21,6 +21,11 @@ class VirtualClock::Timer final : public ITimerWait {
   void Arm(int64_t due_ms, int64_t period_ms) override {
     std::lock_guard<std::mutex> guard(clock_->lock_);
     pending_arm_ = false;
+    if (period_ms < 0) {
+      // Refused, as the kernel's waitable timer refuses a negative period.
+      clock_->changed_.notify_all();
+      return;
+    }
     armed_ = true;
     due_ = clock_->now_ms_ + due_ms;
     period_ = period_ms;

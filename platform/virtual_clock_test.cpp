@@ -1,6 +1,7 @@
 #include "platform/virtual_clock.h"
 
 #include <atomic>
+#include <climits>
 #include <thread>
 #include <vector>
 
@@ -60,6 +61,20 @@ TEST(VirtualClockTest, AdvanceFiresDueTimersAndWaitsForTheirCallbacks) {
   clock.Advance(1000);
   EXPECT_EQ(t.fired.load(), 1);
   while (!t.done) std::this_thread::yield();
+}
+
+TEST(VirtualClockTest, NegativePeriodIsRefusedAndNeverFires) {
+  VirtualClock clock;
+  TimerThread t;
+  t.wait = clock.CreateTimerWait(L"t");
+  t.Start(INT32_MIN, INT32_MIN);
+  clock.WaitForArming();
+  EXPECT_EQ(clock.ArmedTimerCount(), 0);
+  clock.Advance(10'000'000);
+  EXPECT_EQ(t.fired.load(), 0);
+  t.wait->SignalStop();
+  while (!t.done.load()) std::this_thread::yield();
+  EXPECT_EQ(t.fired.load(), 0);
 }
 
 TEST(VirtualClockTest, PeriodicTimerFiresEveryPeriodInOneAdvance) {

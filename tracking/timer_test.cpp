@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cwchar>
 #include <mutex>
@@ -205,6 +206,26 @@ TEST(TimerTest, OneShotOwnerCallbackRunsOnce) {
   WaitUntil([&] { return timer.ThreadCount() == 0; });
   EXPECT_EQ(timer.RetiredCount(), 0);
   EXPECT_EQ(clock.ArmedTimerCount(), 0);
+}
+
+// A negative interval (a timed parent without "Interval" gives -2147483648)
+// is refused as the kernel's waitable timer refuses a negative period: the
+// timer is armed in the service's maps but never expires.
+TEST(TimerTest, NegativeIntervalTimerNeverFires) {
+  VirtualClock clock;
+  Recorder rec(clock);
+  CTimer timer(&clock);
+  rec.timer = &timer;
+  ASSERT_EQ(timer.StartTimer(3001, INT32_MIN, &Recorder::OnOneShot, &rec), 1);
+  ASSERT_EQ(timer.StartTimer(3002, -1, &Recorder::OnOneShot, &rec), 1);
+  clock.Advance(100000);
+  EXPECT_EQ(rec.Count(), 0);
+  EXPECT_EQ(timer.ActiveCount(), 2);
+  EXPECT_EQ(clock.ArmedTimerCount(), 0);
+  timer.StopTimer(3001);
+  timer.StopTimer(3002);
+  WaitUntil([&] { return timer.ThreadCount() == 0; });
+  EXPECT_EQ(rec.Count(), 0);
 }
 
 // Stops itself and arms the same id again with 250 ms, once.
@@ -567,6 +588,21 @@ TEST(TimerTest, RealTimeTwentyMsTimerFires) {
   // the system timer's granularity.
   EXPECT_GE(rec.Times()[0] - armed_at, 15);
   EXPECT_EQ(timer.ActiveCount(), 0);
+}
+
+TEST(TimerTest, RealTimeNegativeIntervalTimerNeverFires) {
+  Recorder rec(RealClock());
+  CTimer timer;
+  rec.timer = &timer;
+  ASSERT_EQ(timer.StartTimer(3001, INT32_MIN, &Recorder::OnOneShot, &rec), 1);
+  // A timer of 20 ms armed after it fires first and alone.
+  ASSERT_EQ(timer.StartTimer(101, 20, &Recorder::OnOneShot, &rec), 1);
+  const int64_t give_up_at = RealClock().NowMs() + 500;
+  while (rec.Count() == 0 && RealClock().NowMs() < give_up_at) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  std::lock_guard<std::mutex> guard(rec.lock);
+  ASSERT_EQ(rec.fired.size(), 1u);
+  EXPECT_EQ(rec.fired[0].first, 101u);
 }
 
 // Blocks in its callback until released: lets a test hold an old timer

@@ -18,7 +18,9 @@ namespace tsm {
 class ITimerWait {
  public:
   virtual ~ITimerWait() = default;
-  // First expiry after due_ms, then every period_ms (0: once).
+  // First expiry after due_ms, then every period_ms (0: once). A negative
+  // period is refused, as the kernel's waitable timer refuses it: the timer
+  // stays as it was (never armed, for a new one) and does not expire.
   virtual void Arm(int64_t due_ms, int64_t period_ms) = 0;
   // Sets the stop event.
   virtual void SignalStop() = 0;

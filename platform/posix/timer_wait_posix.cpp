@@ -15,6 +15,7 @@ using SteadyClock = std::chrono::steady_clock;
 class CondVarTimerWait final : public ITimerWait {
  public:
   void Arm(int64_t due_ms, int64_t period_ms) override {
+    if (period_ms < 0) return;  // refused, as a kernel waitable timer refuses it
     {
       std::lock_guard<std::mutex> guard(lock_);
       armed_ = true;

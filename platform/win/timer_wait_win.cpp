@@ -18,6 +18,9 @@ class KernelTimerWait final : public ITimerWait {
         timer_(CreateWaitableTimerW(nullptr, FALSE, name.empty() ? nullptr : QualifiedName(name).c_str())) {}
 
   void Arm(int64_t due_ms, int64_t period_ms) override {
+    // SetWaitableTimer fails on a negative period; not asking makes that so
+    // whatever the system does.
+    if (period_ms < 0) return;
     LARGE_INTEGER due;
     due.QuadPart = -due_ms * 10000;  // negative: relative, in 100 ns units
     SetWaitableTimer(timer_.get(), &due, static_cast<LONG>(period_ms), nullptr, nullptr, FALSE);
