@@ -55,7 +55,7 @@ const char kDemoHelp[] =
 const char kRunHelp[] =
     "usage: slicehost run SCENARIO.json [options]\n"
     "\n"
-    "Plays a scenario file (format: docs/scenarios.md). Warnings about suspect but valid\n"
+    "Plays a scenario file (format: docs/scenarios.md). Warnings about doubtful but valid\n"
     "scenarios go to standard error, one line each, also with --quiet; the run goes on.\n"
     "\n"
     "options:\n";

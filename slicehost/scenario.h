@@ -105,7 +105,7 @@ struct Scenario {
   ExecTypeCodes exec_types;
   std::wstring level_key_prefix = L"C";
   bool lock_order_set_on_add = false;
-  std::vector<Step> steps;       // in file order; the runner plays them by time, ties in file order
+  std::vector<Step> steps;       // in file order; the player plays them by time, ties in file order
   bool HasStageSteps() const;
 };
 

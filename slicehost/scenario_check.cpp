@@ -19,7 +19,14 @@ constexpr const wchar_t* kQuantityFields[] = {L"OrderQty", L"LeavesQty", L"SendQ
 constexpr const wchar_t* kHostTopics[] = {L"NordaSystemTime", L"Security.Info", L"PERMISSIONS.General",
                                           L"TRADE.ORDERSET", L"MARZIPAN.REQUEST"};
 
-std::string Quoted(const std::wstring& text) { return "\"" + Utf8FromWide(text) + "\""; }
+std::string Quoted(const std::wstring& text) {
+  // Appended piece by piece: "\"" + a temporary string trips a false
+  // -Wrestrict of g++ 12 at -O2.
+  std::string quoted = "\"";
+  quoted += Utf8FromWide(text);
+  quoted += '"';
+  return quoted;
+}
 
 const Variant* FindField(const ScenarioFields& fields, const wchar_t* name) {
   for (const auto& [field, value] : fields) {

@@ -17,7 +17,7 @@ namespace tsm::sim {
 
 struct ScenarioWarning {
   std::string where;  // JSON pointer of the member concerned
-  std::string text;   // what is suspect and what the manager will do
+  std::string text;   // what is doubtful and what the manager will do
 };
 
 // The warnings of `scenario`, in file order (members, then steps).

@@ -19,7 +19,7 @@ std::string Parent(const std::string& key, const std::string& extra = "") {
 // and `steps`.
 std::vector<std::string> Warnings(const std::string& members, const std::string& steps) {
   const std::string json = "{" + members + (members.empty() ? "" : ",") + R"("steps": [)" + steps + "]}";
-  auto parsed = ParseScenario(json, "suspect.json");
+  auto parsed = ParseScenario(json, "doubtful.json");
   const Scenario* scenario = std::get_if<Scenario>(&parsed);
   if (scenario == nullptr) {
     ADD_FAILURE() << std::get<ScenarioError>(parsed).message;
@@ -42,7 +42,7 @@ TEST(ScenarioCheck, MalformedSessionsTextIsWarned) {
                               Parent("P1"));
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /securities/0/sessions: warning: sessions \"09:00-11:30\" are not HH:MM~HH:MM joined by "
+            "doubtful.json: at /securities/0/sessions: warning: sessions \"09:00-11:30\" are not HH:MM~HH:MM joined by "
             "\";\", each opening before it closes: the manager takes the digits of each part as HHMM and holds "
             "orders back by what it reads");
 }
@@ -60,7 +60,7 @@ TEST(ScenarioCheck, SecurityInfoWithoutSellLotIsWarned) {
   const auto lines = Warnings(R"("securities": [{"symbol": "QX.S.TW.2330", "info": "2330|100"}])", Parent("P1"));
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /securities/0/info: warning: info \"2330|100\" has no sell lot (item 4): the manager "
+            "doubtful.json: at /securities/0/info: warning: info \"2330|100\" has no sell lot (item 4): the manager "
             "reads a lot of 0 there and does not round those orders");
 }
 
@@ -69,7 +69,7 @@ TEST(ScenarioCheck, SecurityInfoWithLotThatIsNoNumberIsWarned) {
   const auto lines = Warnings(R"("securities": [{"symbol": "QX.S.TW.2330", "info": "2330||x|y|100"}])", Parent("P1"));
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /securities/0/info: warning: info \"2330||x|y|100\": the buy lot (item 2) \"x\" is not "
+            "doubtful.json: at /securities/0/info: warning: info \"2330||x|y|100\": the buy lot (item 2) \"x\" is not "
             "a whole number; the manager reads it as 0");
 }
 
@@ -77,7 +77,7 @@ TEST(ScenarioCheck, ParentOnUndeclaredSymbolIsWarned) {
   const auto lines = Warnings("", Parent("P1"));
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /steps/0/fields/Symbol: warning: parent \"P1\" is on \"QX.S.TW.2330\", which "
+            "doubtful.json: at /steps/0/fields/Symbol: warning: parent \"P1\" is on \"QX.S.TW.2330\", which "
             "`securities` does not declare: no lot, no sessions and no quote record for it");
 }
 
@@ -86,7 +86,7 @@ TEST(ScenarioCheck, ParentWithoutSlicedTypeIsWarned) {
       "Symbol": "QX.S.TW.2330", "OrderQty": 300, "LeavesQty": 300, "DiscloseQty": 100}})");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /steps/0/fields: warning: parent \"P1\" has no SlicedType: the manager logs it and does "
+            "doubtful.json: at /steps/0/fields: warning: parent \"P1\" has no SlicedType: the manager logs it and does "
             "nothing with it");
 }
 
@@ -102,7 +102,7 @@ TEST(ScenarioCheck, ParentWithoutLeavesQtyIsWarned) {
       "Symbol": "QX.S.TW.2330", "OrderQty": 300, "DiscloseQty": 100, "SlicedType": 2}})");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /steps/0/fields: warning: parent \"P1\" has no LeavesQty: the manager reads 0 left to "
+            "doubtful.json: at /steps/0/fields: warning: parent \"P1\" has no LeavesQty: the manager reads 0 left to "
             "slice and sends the parent as one final portion, without children");
 }
 
@@ -118,7 +118,7 @@ TEST(ScenarioCheck, ParentWithoutOrderQtyIsWarned) {
       "Symbol": "QX.S.TW.2330", "LeavesQty": 300, "DiscloseQty": 100, "SlicedType": 1}})");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /steps/0/fields: warning: parent \"P1\" has no OrderQty: the manager slices by "
+            "doubtful.json: at /steps/0/fields: warning: parent \"P1\" has no OrderQty: the manager slices by "
             "LeavesQty and writes OrderQty only when it cuts a child; a parent sent whole as its final portion goes "
             "without one");
 }
@@ -132,7 +132,7 @@ TEST(ScenarioCheck, VolumeParentThatIsNeverWatchedIsWarned) {
       "LeavesQty": 300, "DiscloseQty": 100, "SlicedType": 3, "Interval": 1, "LeftoverAction": 1}})");
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /steps/0/fields: warning: parent \"P1\" is sliced by volume (SlicedType 3) without an "
+            "doubtful.json: at /steps/0/fields: warning: parent \"P1\" is sliced by volume (SlicedType 3) without an "
             "Interval of 1 or more and a LeftoverAction other than 0: the manager never watches its children, so "
             "none is cancelled by volume");
   EXPECT_NE(lines[1].find("at /steps/1/fields: warning: parent \"P2\" is sliced by volume"), std::string::npos);
@@ -142,7 +142,7 @@ TEST(ScenarioCheck, NegativeQuantityIsWarned) {
   const auto lines = Warnings(kSecurity, Parent("P1", R"(, "SendQty": -300)"));
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /steps/0/fields/SendQty: warning: SendQty -300 is negative: the manager slices and "
+            "doubtful.json: at /steps/0/fields/SendQty: warning: SendQty -300 is negative: the manager slices and "
             "counts it as it stands");
 }
 
@@ -151,7 +151,7 @@ TEST(ScenarioCheck, QuantityOverflowing32BitsIsWarned) {
       "Symbol": "QX.S.TW.2330", "OrderQty": 2147483648, "LeavesQty": 300, "DiscloseQty": 100, "SlicedType": 1}})");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /steps/0/fields/OrderQty: warning: OrderQty 2147483648 does not fit 32 bits: the "
+            "doubtful.json: at /steps/0/fields/OrderQty: warning: OrderQty 2147483648 does not fit 32 bits: the "
             "manager reads its quantities as 32-bit numbers");
 }
 
@@ -168,7 +168,7 @@ TEST(ScenarioCheck, StepNamingAnUnknownOrderIsWarned) {
   const auto lines = Warnings(kSecurity, Parent("P1") + R"(, {"at": 2000, "do": "Cancel", "order": "P404"})");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /steps/1/order: warning: names the order \"P404\", which no Submit step before it "
+            "doubtful.json: at /steps/1/order: warning: names the order \"P404\", which no Submit step before it "
             "enters and no child is called: the step will be skipped");
 }
 
@@ -192,7 +192,7 @@ TEST(ScenarioCheck, StepNamingAnUnknownRecordIsWarned) {
       "topic": "TRADE.SLICE.ORDER", "data": {"record": "R9"}})");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /steps/1/data/record: warning: names the record \"R9\", which is no order entered "
+            "doubtful.json: at /steps/1/data/record: warning: names the record \"R9\", which is no order entered "
             "before it, no name of `records` and no host topic: the step will be skipped");
 }
 
@@ -203,7 +203,7 @@ TEST(ScenarioCheck, TimeOffsetLeavingEverySessionOutsideTheRunIsWarned) {
                               Parent("P1"));
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0],
-            "suspect.json: at /steps/0: warning: parent \"P1\" on \"QX.S.TW.2330\": the run covers 16:00:01 to "
+            "doubtful.json: at /steps/0: warning: parent \"P1\" on \"QX.S.TW.2330\": the run covers 16:00:01 to "
             "16:01:00 exchange time (start plus time_offset 28800 s), outside every session "
             "\"09:00~11:30;13:00~15:00\"; the manager holds it back all the run");
 }
