@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -27,6 +28,7 @@
 #include "slicehost/exchange.h"
 #include "slicehost/host_loop.h"
 #include "testing/manager_fixture.h"
+#include "testing/mutex_waiters.h"
 
 namespace tsm {
 namespace {
@@ -387,6 +389,210 @@ TEST_F(StressTest, ThousandParentsOfEveryTypeEndAccountedForWithStage4HalfWayAnd
               static_cast<long long>(all.replaced), static_cast<long long>(all.rejected),
               static_cast<long long>(all.working),
               static_cast<long long>(volume_cancels), static_cast<long long>(queued));
+}
+
+// Rounds of the rare sequences, each on an object of its own, while another
+// thread changes a watched symbol's quote and the system time record without
+// pause:
+//   - a timed child parked by its step, ended by the host's replacement and
+//     delivered again (a re-delivery), then released when its session opens
+//     or cancelled, more than 10 s later (its records freed meanwhile);
+//   - parked orders looked at by the system time handler while cancels and
+//     timer 105 free their entries;
+//   - a re-delivery before timer 103, heard after timer 103;
+//   - a volume child on a symbol whose quote never stops changing;
+//   - the object released by a host holding "ORDERSET.LOCK" while a timer
+//     waits for the order mutex.
+// Every parked child must end with its request (the cancel its leftover
+// action asks for, or the host's cancel answered), every volume child with
+// its volume cancel, and every release must return and end the object.
+TEST_F(StressTest, RareSequencesMixedIntoTheTrafficLeaveNoOrderWithoutItsFinalRequest) {
+  constexpr int kRounds = 24;
+  Watchdog watchdog;
+  const std::wstring volume_symbol = L"QX.V.STORM";
+  const std::wstring timed_symbol = L"QX.F.TW.PARK";
+  IBaseData* quote = host_.Topic(volume_symbol);
+  IBaseData* system_time = host_.Topic(L"NordaSystemTime");
+  std::atomic<bool> storm_stop{false};
+  std::atomic<int64_t> storm_writes{0};
+  std::thread storm([&] {
+    int64_t volume = 1000;
+    while (!storm_stop.load()) {
+      const int32_t update = quote->BeginUpdate();
+      quote->SetData(update, kKindFieldById, Variant::I4(6), Variant::I8(++volume));
+      quote->EndUpdate(update);
+      // Every parked order is looked at; none is due before 12:59:00.
+      sim::SimHost::Write(system_time, {{L"SystemDate", Variant::I4(20261123)},
+                                        {L"SystemTime", Variant::I4(120000)},
+                                        {L"TimeDiff", Variant::I4(0)}});
+      ++storm_writes;
+      std::this_thread::yield();
+    }
+  });
+  auto count_sent = [this](const std::wstring& topic, const std::wstring& text) {
+    int n = 0;
+    for (const auto& e : host_.Sent(topic)) n += e.text == text ? 1 : 0;
+    return n;
+  };
+  auto count_logged = [this](const std::wstring& line) {
+    int n = 0;
+    for (const auto& logged : host_.Logs()) n += logged == line ? 1 : 0;
+    return n;
+  };
+  auto wait_until = [](const std::function<bool()>& done) {
+    for (long i = 0; i < 20000000; ++i) {
+      if (done()) return true;
+      std::this_thread::yield();
+    }
+    return done();
+  };
+
+  int parents = 0, children = 0, redeliveries = 0, without_final = 0, deaf = 0, hangs = 0;
+  for (int r = 0; r < kRounds; ++r) {
+    watchdog.Stage("a round of rare sequences");
+    const std::wstring n = std::to_wstring(r);
+    auto* manager = new CTradeSliceManager(&clock_);
+    manager->AddRef();
+    uint32_t cookie = 0;
+    manager->Advise(&host_, &cookie);
+    manager->SetStage(1, 1);
+    manager->SetStage(1, 2);
+    CTradeSliceManagerPeer peer(manager);
+    std::weak_ptr<void> worker = peer.Worker();
+    auto topic = [&](const std::wstring& name, int32_t p2, const std::wstring& text, IBaseData* record) {
+      Variant data = Variant::I4(static_cast<int32_t>(host_.Publish(record)));
+      manager->SetTopic(name, 0, p2, text, &data);
+      TsmWaitEventsDelivered();
+    };
+
+    // A timed parent and a volume parent, both past the session check.
+    IBaseData* timed = Record(L"order", {{L"LevelKey", Variant::Text(L"TP" + n)},
+                                         {L"SliceID", Variant::Text(L"TS" + n)},
+                                         {L"SlicedType", Variant::I4(2)},
+                                         {L"Interval", Variant::I4(500)},
+                                         {L"LeftoverAction", Variant::I4(1)},
+                                         {L"DiscloseQty", Variant::I4(300)},
+                                         {L"Variance", Variant::I4(20)},
+                                         {L"OrderQty", Variant::I4(3000)},
+                                         {L"LeavesQty", Variant::I4(3000)},
+                                         {L"SecurityType", Variant::Text(L"F")},
+                                         {L"Symbol", Variant::Text(timed_symbol)},
+                                         {L"TimeInForce", Variant::I4(6)}});
+    topic(L"TRADE.SLICE.MANAGER", 0, L"-1", timed);
+    IBaseData* by_volume = Record(L"order", {{L"LevelKey", Variant::Text(L"VP" + n)},
+                                             {L"SliceID", Variant::Text(L"VS" + n)},
+                                             {L"SlicedType", Variant::I4(3)},
+                                             {L"Interval", Variant::I4(1)},
+                                             {L"LeftoverAction", Variant::I4(1)},
+                                             {L"DiscloseQty", Variant::I4(300)},
+                                             {L"OrderQty", Variant::I4(3000)},
+                                             {L"LeavesQty", Variant::I4(3000)},
+                                             {L"SecurityType", Variant::Text(L"F")},
+                                             {L"Symbol", Variant::Text(volume_symbol)},
+                                             {L"TimeInForce", Variant::I4(6)}});
+    topic(L"TRADE.SLICE.MANAGER", 0, L"-1", by_volume);
+    parents += 2;
+    // The timed child's session is closed until 13:00.
+    {
+      ScopedLock<CCriticalSection> guard(peer.SessionTimesLock());
+      peer.SessionTimes().SetAt(timed_symbol, new std::vector<stcOCTime>{{1300, 1400}});
+    }
+    IBaseData* child = Record(L"order", {{L"LevelKey", Variant::Text(L"TC" + n)},
+                                         {L"SliceID", Variant::Text(L"TS" + n)},
+                                         {L"SlicedType", Variant::I4(0)},
+                                         {L"ExecType", Variant::I4(0)},
+                                         {L"OriginalQty", Variant::I4(300)},
+                                         {L"CumQty", Variant::I4(0)},
+                                         {L"Symbol", Variant::Text(timed_symbol)}});
+    IBaseData* volume_child = Record(L"order", {{L"LevelKey", Variant::Text(L"VC" + n)},
+                                                {L"SliceID", Variant::Text(L"VS" + n)},
+                                                {L"SlicedType", Variant::I4(3)},
+                                                {L"Symbol", Variant::Text(volume_symbol)}});
+    topic(L"TRADE.HOT.MONTH", 0, L"1", child);
+    topic(L"TRADE.HOT.MONTH", 0, L"2", volume_child);
+    children += 2;
+    sim::SimHost::Write(volume_child, {{L"ExecType", Variant::I4(0)}, {L"OrderID", Variant::Text(L"X" + n)}});
+    Advance(500);  // the timed child's step parks it
+
+    // Ended by the host's replacement, delivered again before timer 103.
+    sim::SimHost::Write(child, {{L"ExecType", Variant::I4(8)}, {L"ClientModify", Variant::I4(1)}});
+    Advance(0);
+    sim::SimHost::Write(child, {{L"ExecType", Variant::I4(0)}, {L"ClientModify", Variant::I4(0)},
+                                {L"ClientModifyNew", Variant::I4(1)}});
+    topic(L"TRADE.HOT.MONTH", 0, L"1", child);
+    ++redeliveries;
+    Advance(10000 + 500 * (r % 5));  // timer 103, then 104 on what was dropped
+    const std::wstring heard = L"<CTradeSliceManager>OnDataUpdate : LevelKey=TC" + n + L", SliceID=TS" + n +
+                               L", ExecType=12";
+    sim::SimHost::Write(child, {{L"ExecType", Variant::I4(12)}});
+    Advance(0);
+    deaf += count_logged(heard) == 0 ? 1 : 0;
+    Advance(1500 + 250 * (r % 4));  // more than 10 s after the drop: freed unless still named
+
+    if (r % 2 == 0) {
+      // The session opens and timer 105 releases the child: its step applies
+      // the leftover action.
+      {
+        ScopedLock<CCriticalSection> guard(peer.SessionTimesLock());
+        void* table = nullptr;
+        peer.SessionTimes().Lookup(timed_symbol, table);
+        *static_cast<std::vector<stcOCTime>*>(table) = {{900, 1500}};
+      }
+      {
+        ScopedLock<CCriticalSection> guard(peer.WaitOpenOrdersLock());
+        peer.DueWaitOrders().push_back(L"TC" + n);
+      }
+      peer.Timer().StartTimer(CTradeSliceManager::kTimerWaitOrders, 1000, &CTradeSliceManager::OnTimerTick,
+                              manager);
+      Advance(1100);
+      if (count_sent(L"TRADE.CANCELORDER", L"REPORTID=TC" + n) == 0) {
+        ++without_final;
+        ADD_FAILURE() << "parked child TC" << r << " released without its leftover action";
+      }
+    } else {
+      IBaseData* request = Record(L"order", {{L"LevelKey", Variant::Text(L"TC" + n)},
+                                             {L"SliceID", Variant::Text(L"TS" + n)},
+                                             {L"ExecType", Variant::I4(0)}});
+      topic(L"TRADE.SLICE.MANAGER.CANCEL", 1, L"TC" + n, request);
+      if (count_sent(L"TRADE.PRICE.TRIGGER.CANCEL", L"LevelKey=TC" + n) == 0) {
+        ++without_final;
+        ADD_FAILURE() << "parked child TC" << r << " cancelled without its request";
+      }
+    }
+    // The volume child is cancelled by the worker while the quote storms.
+    if (!wait_until([&] { return count_sent(L"TRADE.CANCELORDER", L"REPORTID=VC" + n) > 0; })) {
+      ++without_final;
+      ADD_FAILURE() << "volume child VC" << r << " never cancelled";
+    }
+
+    // Released between "ORDERSET.LOCK" and "ORDERSET.UNLOCK" while timer 102
+    // waits for the order mutex.
+    {
+      ScopedLock<CMutex> guard(peer.SliceMutex());
+      peer.FinishList().push_back(L"TP" + n);
+    }
+    peer.Timer().StartTimer(CTradeSliceManager::kTimerFinish, 10, &CTradeSliceManager::OnTimerTick, manager);
+    Variant none;
+    manager->SetTopic(L"ORDERSET.LOCK", 0, 0, L"", &none);
+    std::thread advancing([this] { Advance(10); });
+    const bool waiting = WaitForWaiter(peer.OrderMutex());
+    manager->Unadvise(cookie);
+    manager->Release();
+    advancing.join();
+    hangs += waiting && wait_until([&] { return worker.expired(); }) ? 0 : 1;
+  }
+  storm_stop = true;
+  storm.join();
+  watchdog.Stage("done");
+
+  std::printf("rare sequences: rounds %d, parents %d, children %d, re-deliveries %d, quote and system time writes "
+              "%lld, orders without a final request %d, deaf after timer 103 %d, hangs %d\n",
+              kRounds, parents, children, redeliveries, static_cast<long long>(storm_writes.load()), without_final,
+              deaf, hangs);
+  RecordProperty("redeliveries", std::to_string(redeliveries));
+  EXPECT_EQ(without_final, 0);
+  EXPECT_EQ(deaf, 0);
+  EXPECT_EQ(hangs, 0);
 }
 
 }  // namespace

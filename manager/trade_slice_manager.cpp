@@ -1,6 +1,7 @@
 #include "manager/trade_slice_manager.h"
 
 #include <algorithm>
+#include <chrono>
 #include <mutex>
 #include <unordered_set>
 
@@ -84,8 +85,34 @@ uint32_t CTradeSliceManager::AddRef() { return ++ref_count_; }
 
 uint32_t CTradeSliceManager::Release() {
   const uint32_t count = --ref_count_;
-  if (count == 0) delete this;
+  if (count == 0) ReleaseLastReference();
   return count;
+}
+
+void CTradeSliceManager::ReleaseLastReference() {
+  const bool on_own_callback = t_callback_of_ == this;
+  {
+    std::lock_guard<std::mutex> guard(m_lifeLock);
+    m_bClosing = true;
+  }
+  // A host that lets go between "ORDERSET.LOCK" and "ORDERSET.UNLOCK" never
+  // unlocks: its levels are given up here. A callback's own levels are its.
+  if (!on_own_callback) {
+    while (m_mutexOrder.LevelsHeldByCaller() > 0 && m_mutexOrder.Unlock()) {
+    }
+  }
+  std::unique_lock<std::mutex> life(m_lifeLock);
+  const int own = on_own_callback ? 1 : 0;
+  // A callback may wait in a host event for this very thread: the wait is
+  // bounded, and such a callback deletes the object when it ends.
+  m_lifeChanged.wait_for(life, std::chrono::milliseconds(kReleaseWaitMs),
+                         [this, own] { return m_nCallbacksRunning <= own; });
+  if (m_nCallbacksRunning > 0) {
+    m_bAbandoned = true;
+    return;
+  }
+  life.unlock();
+  delete this;
 }
 
 HResult CTradeSliceManager::Advise(INordaManagerEvents* sink, uint32_t* cookie) { return AdviseSink(sink, cookie); }

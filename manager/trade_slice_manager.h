@@ -20,8 +20,10 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string_view>
 #include <vector>
 
@@ -90,6 +92,10 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   HResult Advise(INordaManagerEvents* sink, uint32_t* cookie) override;
   HResult Unadvise(uint32_t cookie) override;
 
+  // The host's last Release waits this long (wall clock) for timer callbacks
+  // in progress before it returns; see ReleaseLastReference.
+  static constexpr int64_t kReleaseWaitMs = 3000;
+
   // Every log line starts with this.
   static constexpr std::wstring_view kLogPrefix = L"<CTradeSliceManager>";
 
@@ -147,6 +153,13 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   struct WorkerShared;
 
   void OnOrderSetUnlock();
+  // The host let go. Callbacks that start from now on do nothing; a host
+  // thread still holding the order mutex from "ORDERSET.LOCK" lets it go, so
+  // that callbacks waiting for it can end. The object is deleted here once no
+  // callback of another thread runs, waiting at most kReleaseWaitMs;
+  // otherwise (and when the last release comes from inside a callback) the
+  // last callback to end deletes it. Nothing is deleted under a callback.
+  void ReleaseLastReference();
   void StartVolumeWorker();
   void CloseWorkerEvent();
   void WakeVolumeWorker();
@@ -189,6 +202,14 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   IClock& clock_;
   RandomSource random_;
   std::atomic<uint32_t> ref_count_{0};
+
+  // Timer callbacks against the host's last release.
+  std::mutex m_lifeLock;                  // guards the three below
+  std::condition_variable m_lifeChanged;  // a callback ended
+  int m_nCallbacksRunning = 0;
+  bool m_bClosing = false;    // the host let go: no new callback work
+  bool m_bAbandoned = false;  // the last callback to end deletes the object
+  static thread_local const CTradeSliceManager* t_callback_of_;  // whose callback this thread runs
 
   // Members in the order the object declares them.
   CTimer m_timer;

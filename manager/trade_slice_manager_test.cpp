@@ -1,8 +1,11 @@
 #include "manager/trade_slice_manager.h"
 
+#include <atomic>
+#include <functional>
 #include <thread>
 
 #include "testing/manager_fixture.h"
+#include "testing/mutex_waiters.h"
 
 namespace tsm {
 namespace {
@@ -240,6 +243,111 @@ TEST_F(TradeSliceManagerTest, OrderSetLockKeepsOtherThreadsOutUntilUnlock) {
     levels_after = peer_.OrderMutex().LevelsHeldByCaller();
   }).join();
   EXPECT_EQ(levels_after, 1);
+}
+
+// The host's last Release of an object whose timer work is under way. The
+// test makes and releases its own object.
+class ReleaseTest : public ::testing::Test {
+ protected:
+  ReleaseTest() : clock_(Clock()), host_(clock_) {}
+  ~ReleaseTest() override { TsmWaitEventsDelivered(); }
+
+  // One clock for these tests, kept for the process: a timer thread whose
+  // callback deleted the object finishes with its clock after the test.
+  static VirtualClock& Clock() {
+    static VirtualClock* clock = [] {
+      auto* made = new VirtualClock(kDefaultStartUtcMs);
+      made->AddQuiescer([] { TsmWaitEventsDelivered(); });
+      return made;
+    }();
+    return *clock;
+  }
+
+  // Started, with parents "P1".."Pn" waiting for timer 102 to end them.
+  CTradeSliceManager* Make(int parents) {
+    auto* manager = new CTradeSliceManager(&clock_);
+    manager->AddRef();
+    manager->Advise(&host_, &cookie_);
+    manager->SetStage(1, 1);
+    manager->SetStage(1, 2);
+    CTradeSliceManagerPeer peer(manager);
+    for (int i = 1; i <= parents; ++i) {
+      const std::wstring key = L"P" + std::to_wstring(i);
+      IBaseData* record = sim::SimHost::NewRecord(L"order", {{L"LevelKey", Variant::Text(key)},
+                                                             {L"SliceID", Variant::Text(L"S" + key)},
+                                                             {L"SlicedType", Variant::I4(1)}});
+      peer.OrderData().SetAt(key, CBaseData::FromCookie(host_.Publish(record), nullptr, &clock_));
+      record->Release();
+      peer.OrderIndex().SetAt(key, i);
+      peer.FinishList().push_back(key);
+    }
+    peer.Timer().StartTimer(CTradeSliceManager::kTimerFinish, 10, &CTradeSliceManager::OnTimerTick, manager);
+    worker_ = peer.Worker();
+    return manager;
+  }
+
+  // The object is gone once the block its worker shares with it is.
+  bool Destroyed() {
+    for (long i = 0; i < 50000000 && !worker_.expired(); ++i) std::this_thread::yield();
+    return worker_.expired();
+  }
+
+  VirtualClock& clock_;
+  sim::SimHost host_;
+  uint32_t cookie_ = 0;
+  std::weak_ptr<void> worker_;
+};
+
+TEST_F(ReleaseTest, ReleaseBetweenOrderSetLockAndUnlockWhileATimerWaitsForTheOrderMutexReturns) {
+  CTradeSliceManager* manager = Make(1);
+  CTradeSliceManagerPeer peer(manager);
+  Variant none;
+  manager->SetTopic(L"ORDERSET.LOCK", 0, 0, L"", &none);
+  std::thread advancing([this] { clock_.Advance(10); });
+  ASSERT_TRUE(WaitForWaiter(peer.OrderMutex()));
+  // The host lets go without "ORDERSET.UNLOCK": the waiting callback goes on
+  // and ends, and the object goes after it.
+  manager->Release();
+  advancing.join();
+  EXPECT_EQ(host_.Sent(L"TRADE.HOT.MONTH").size(), 1u);
+  EXPECT_TRUE(Destroyed());
+}
+
+TEST_F(ReleaseTest, LastReleaseOnATimerThreadLetsItsCallbackFinishFirst) {
+  CTradeSliceManager* manager = Make(2);
+  std::atomic<int> releases{0};
+  host_.on_send = [manager, &releases](const std::wstring& topic, int32_t, int32_t, const std::wstring&, Variant*,
+                                       Variant*) {
+    if (topic == L"TRADE.HOT.MONTH" && releases++ == 0) manager->Release();
+  };
+  clock_.Advance(10);
+  // The callback that released the object still ended the second parent.
+  const auto sent = host_.Sent(L"TRADE.HOT.MONTH");
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[1].data_json, "{\"record\":\"P2\"}");
+  EXPECT_TRUE(Destroyed());
+  host_.on_send = nullptr;
+}
+
+TEST_F(ReleaseTest, RealTimeReleaseWhileACallbackWaitsInAHostEventForTheReleasingThreadReturns) {
+  CTradeSliceManager* manager = Make(1);
+  std::atomic<bool> in_event{false};
+  std::atomic<bool> host_free{false};
+  // The host answers the request only once its own thread is free again.
+  host_.on_send = [&](const std::wstring& topic, int32_t, int32_t, const std::wstring&, Variant*, Variant*) {
+    if (topic != L"TRADE.HOT.MONTH") return;
+    in_event = true;
+    while (!host_free.load()) std::this_thread::yield();
+  };
+  std::thread advancing([this] { clock_.Advance(10); });
+  while (!in_event.load()) std::this_thread::yield();
+  // Returns after the object's bounded wait for its callbacks; the object
+  // goes when the callback ends.
+  manager->Release();
+  host_free = true;
+  advancing.join();
+  EXPECT_TRUE(Destroyed());
+  host_.on_send = nullptr;
 }
 
 TEST_F(TradeSliceManagerTest, LogGoesThroughWriteLogWithThePrefix) {

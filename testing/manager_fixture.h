@@ -26,6 +26,7 @@ class CTradeSliceManagerPeer {
   CMutex& SliceMutex() { return m_->m_mutexSlice; }
   CMutex& VolumeMutex() { return m_->m_mutexVolume; }
   CCriticalSection& SessionTimesLock() { return m_->m_csSessionTimes; }
+  CCriticalSection& WaitOpenOrdersLock() { return m_->m_csWaitOpenOrders; }
   COakMapStringToVal& OrderIndex() { return m_->m_mapOrderIndex; }
   COakMapStringToVal& GroupCount() { return m_->m_mapGroupCount; }
   CStringArray& SendQueue() { return m_->m_arrSendQueue; }

@@ -1,7 +1,9 @@
 #include <functional>
+#include <mutex>
 
 #include "manager/trade_slice_manager.h"
 #include "testing/manager_fixture.h"
+#include "testing/read_counting_object.h"
 
 namespace tsm {
 namespace {
@@ -385,60 +387,29 @@ TEST_F(SystemTimeTest, OrdersOpeningAtOrBeforeTheSystemTimeOrAMinuteLaterAreNotD
   EXPECT_FALSE(Logged(L"OnDataUpdate : LevelKey=W1, 92950, 93050"));
 }
 
-// A host object that passes every call on to another one and, once armed,
-// runs `on_read` when a field of the given name is first read through it.
-class ReadHookObject final : public IBaseData {
- public:
-  ReadHookObject(IBaseData* inner, std::wstring field) : inner_(inner), field_(std::move(field)) {
-    inner_->AddRef();
-  }
-  ReadHookObject(const ReadHookObject&) = delete;
-  ReadHookObject& operator=(const ReadHookObject&) = delete;
-
-  uint32_t AddRef() override { return ++refs_; }
-  uint32_t Release() override {
-    const uint32_t count = --refs_;
-    if (count == 0) delete this;
-    return count;
-  }
-  int32_t BeginUpdate() override { return inner_->BeginUpdate(); }
-  void SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value) override {
-    inner_->SetData(update_id, kind, key, value);
-  }
-  void EndUpdate(int32_t update_id) override { inner_->EndUpdate(update_id); }
-  Variant GetData(int32_t kind, const Variant& argument) override {
-    if (on_read && argument.type() == VarType::BStr && argument.text() == field_) {
-      auto hook = std::move(on_read);
-      on_read = nullptr;
-      hook();
-    }
-    return inner_->GetData(kind, argument);
-  }
-  HResult Advise(IBaseDataEvents* sink, uint32_t* cookie) override { return inner_->Advise(sink, cookie); }
-  HResult Unadvise(uint32_t cookie) override { return inner_->Unadvise(cookie); }
-
-  std::function<void()> on_read;
-
- private:
-  ~ReadHookObject() { inner_->Release(); }
-
-  IBaseData* const inner_;
-  const std::wstring field_;
-  std::atomic<uint32_t> refs_{1};
-};
-
 class SystemTimeRaceTest : public SystemTimeTest {
  protected:
   void SetUp() override {
     IBaseData* record = sim::SimHost::NewRecord(L"NordaSystemTime");
-    hook_ = new ReadHookObject(record, L"SystemDate");
+    auto* hook = new ReadCountingObject(record);
     record->Release();  // the hook holds it now
-    host_.SetTopicRecord(L"NordaSystemTime", hook_);
-    hook_->Release();  // the host holds the hook
+    // Once armed, the first read of "SystemDate" runs `on_system_date_`.
+    hook->on_read = [this](const Variant& argument) {
+      if (argument.type() != VarType::BStr || argument.text() != L"SystemDate") return;
+      std::function<void()> run;
+      {
+        std::lock_guard<std::mutex> guard(hook_lock_);
+        run.swap(on_system_date_);
+      }
+      if (run) run();
+    };
+    host_.SetTopicRecord(L"NordaSystemTime", hook);
+    hook->Release();  // the host holds the hook
     Start();
   }
 
-  ReadHookObject* hook_ = nullptr;
+  std::mutex hook_lock_;  // guards on_system_date_
+  std::function<void()> on_system_date_;
 };
 
 TEST_F(SystemTimeRaceTest, WaitEntryCancelledWhileTheSystemTimeIsReadIsNotReadAfterwards) {
@@ -448,10 +419,13 @@ TEST_F(SystemTimeRaceTest, WaitEntryCancelledWhileTheSystemTimeIsReadIsNotReadAf
   // and before it compares their open times.
   IBaseData* request = Record(L"order", {{L"LevelKey", T(L"W1")}, {L"SliceID", T(L"S9")}});
   const uint32_t cookie = host_.Publish(request);
-  hook_->on_read = [this, cookie] {
-    Variant data = Variant::I4(static_cast<int32_t>(cookie));
-    manager_->SetTopic(L"TRADE.SLICE.MANAGER.CANCEL", 1, 1, L"W1", &data);
-  };
+  {
+    std::lock_guard<std::mutex> guard(hook_lock_);
+    on_system_date_ = [this, cookie] {
+      Variant data = Variant::I4(static_cast<int32_t>(cookie));
+      manager_->SetTopic(L"TRADE.SLICE.MANAGER.CANCEL", 1, 1, L"W1", &data);
+    };
+  }
   SystemTime(20261123, 92950, 0);
 
   EXPECT_FALSE(peer_.WaitOpenOrders().Contains(L"W1"));

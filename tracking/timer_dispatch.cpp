@@ -21,10 +21,33 @@ bool IsFinalExecType(int32_t exec_type) {
 }
 }  // namespace
 
+thread_local const CTradeSliceManager* CTradeSliceManager::t_callback_of_ = nullptr;
+
 void CTradeSliceManager::OnTimerTick(unsigned id, void* context) {
   auto* self = static_cast<CTradeSliceManager*>(context);
   self->m_timer.StopTimer(id);
-  self->OnTimer(id);
+  {
+    std::lock_guard<std::mutex> guard(self->m_lifeLock);
+    if (self->m_bClosing) return;  // the host has let go: no new work
+    ++self->m_nCallbacksRunning;
+  }
+  const CTradeSliceManager* outer = t_callback_of_;
+  t_callback_of_ = self;
+  try {
+    self->OnTimer(id);
+  } catch (...) {
+    // Counted out below all the same; the timer service ignores it.
+  }
+  t_callback_of_ = outer;
+  bool last_of_abandoned;
+  {
+    std::lock_guard<std::mutex> guard(self->m_lifeLock);
+    --self->m_nCallbacksRunning;
+    last_of_abandoned = self->m_bAbandoned && self->m_nCallbacksRunning == 0;
+    self->m_lifeChanged.notify_all();
+  }
+  // The host's last release left the object to its last callback.
+  if (last_of_abandoned) delete self;
 }
 
 void CTradeSliceManager::OnTimer(unsigned id) {
