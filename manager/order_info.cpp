@@ -62,12 +62,7 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
   }
   {
     ScopedLock<CMutex> guard(m_mutexSlice);
-    CString listed;
-    if (m_mapSliceToListened.Lookup(slice_id, listed)) {
-      m_mapSliceToListened.SetAt(slice_id, CString::Formatted(L"%s,%s", listed, level_key));
-    } else {
-      m_mapSliceToListened.SetAt(slice_id, level_key);
-    }
+    m_mapSliceToListened.Append(slice_id, level_key);
   }
   if (sliced_type == 4) {
     Log(L"ParseOrderInfo:End");  // children of a slice-all are not listened to

@@ -66,7 +66,7 @@ TEST_F(OrderInfoTest, SameOrderDeliveredTwiceIsListenedToOnce) {
   ASSERT_TRUE(peer_.ListenedOrders().Lookup(L"C1", still));
   EXPECT_EQ(still, listened);
   CString listed;
-  peer_.SliceToListened().Lookup(L"S1", listed);
+  peer_.SliceToListened().Text(L"S1", listed);
   EXPECT_EQ(listed, L"C1");
 }
 
@@ -114,7 +114,7 @@ TEST_F(OrderInfoTest, ChildrenOfOneSliceAreListedInArrivalOrder) {
   Deliver(Order(L"C2"));
   Deliver(Order(L"C3"));
   CString listed;
-  EXPECT_TRUE(peer_.SliceToListened().Lookup(L"S1", listed));
+  EXPECT_TRUE(peer_.SliceToListened().Text(L"S1", listed));
   EXPECT_EQ(listed, L"C1,C2,C3");
 }
 
@@ -137,7 +137,7 @@ TEST_F(OrderInfoTest, SliceAllChildIsRegisteredAndListedButNotListenedTo) {
   Deliver(Order(L"C1", {{L"SlicedType", I4(4)}}));
   EXPECT_TRUE(peer_.OrderData().Contains(L"C1"));
   CString listed;
-  EXPECT_TRUE(peer_.SliceToListened().Lookup(L"S1", listed));
+  EXPECT_TRUE(peer_.SliceToListened().Text(L"S1", listed));
   EXPECT_EQ(listed, L"C1");
   EXPECT_FALSE(peer_.ListenedSlice().Contains(L"C1"));
   EXPECT_FALSE(peer_.ListenedOrders().Contains(L"C1"));

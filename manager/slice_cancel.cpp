@@ -63,7 +63,7 @@ void CTradeSliceManager::CancelSliceOrder(int32_t cookie, const CString& level_k
       CString list;
       {
         ScopedLock<CMutex> guard(m_mutexSlice);
-        m_mapSliceToListened.Lookup(slice_id, list);
+        m_mapSliceToListened.Text(slice_id, list);
         m_mapCancelledSlices.SetAt(slice_id, slice_id);
       }
       Log(L"CancelOrderList :" + list);

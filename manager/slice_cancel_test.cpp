@@ -66,12 +66,7 @@ class SliceCancelTest : public ManagerTest {
     peer_.OrderData().SetAt(key, Tracked(key, {{L"LevelKey", Variant::Text(key)}, {L"SliceID", Variant::Text(slice)}}));
     peer_.OrderIndex().SetAt(key, 8);
     peer_.GroupCount().SetAt(key, 1);
-    CString listed;
-    if (peer_.SliceToListened().Lookup(slice, listed)) {
-      peer_.SliceToListened().SetAt(slice, listed + L"," + key);
-    } else {
-      peer_.SliceToListened().SetAt(slice, key);
-    }
+    peer_.SliceToListened().Append(slice, key);
   }
   // An order parked until its session opens, on a record of its own.
   void AddWaiting(const std::wstring& key, const std::wstring& record_name) {
@@ -177,9 +172,11 @@ TEST_F(SliceCancelTest, ChildCancelledOneByOneIsSkippedByLaterCancelAll) {
 
 TEST_F(SliceCancelTest, CancelAllSkipsListedChildrenWithoutRecordAndEmptyItems) {
   AddParent(L"P", L"S");
-  AddChild(L"A", L"S");
-  AddChild(L"B", L"S");
-  peer_.SliceToListened().SetAt(L"S", L"A,,GONE,B,");
+  // One listed text holding empty items and a child without a record.
+  for (const wchar_t* key : {L"A", L"B"}) {
+    peer_.OrderData().SetAt(key, Tracked(key, {{L"LevelKey", Variant::Text(key)}, {L"SliceID", Variant::Text(L"S")}}));
+  }
+  peer_.SliceToListened().Append(L"S", L"A,,GONE,B,");
   CancelAll(L"P", Fields(L"P", L"S", L"O1", 0));
   EXPECT_EQ(Requests(), (std::vector<std::wstring>{L"TRADE.PRICE.TRIGGER.CANCEL 1,1 LevelKey=P",
                                                    L"TRADE.CANCELORDER 1,1 REPORTID=A",

@@ -33,6 +33,7 @@
 #include "data/sync_map.h"
 #include "data/text.h"
 #include "manager/host_link.h"
+#include "manager/slice_children.h"
 #include "platform/sync.h"
 #include "tracking/timer.h"
 #include "tradeslice/host_api.h"
@@ -261,7 +262,7 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   CMapStringToString m_mapSlicedOrders;       // level key -> itself, every parent taken in
   CMapStringToString m_mapCancelledOrders;    // level key -> slice id, cancelled one by one
   CMapStringToString m_mapGroupReport;        // group prefix + group id -> report id; never filled
-  CMapStringToString m_mapSliceToListened;    // slice id -> "a,b,c" child level keys
+  SliceChildren m_mapSliceToListened;         // slice id -> its children's level keys, in arrival order
   CMapStringToString m_mapSliceAllSet;        // slice id -> itself, type 5 slices released
   CMapStringToString m_mapCancelledSlices;    // slice id -> itself, cancelled slices
   int32_t m_nOrderTimerId = 3000;       // last per-order timer id

@@ -21,6 +21,16 @@ ensure_packages() {
   fi
 }
 
+# What scripts/perf needs besides the build: callgrind and its annotator.
+ensure_perf_packages() {
+  dpkg -s valgrind >/dev/null 2>&1 && return 0
+  echo "installing: valgrind"
+  local sudo=""
+  [ "$(id -u)" -ne 0 ] && sudo=sudo
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends valgrind >/dev/null
+}
+
 cmake_args_for() {
   case "$1" in
     debug) echo "-DCMAKE_BUILD_TYPE=Debug" ;;

@@ -6,6 +6,8 @@
 
 #include "slicehost/player.h"
 #include "slicehost/scenario.h"
+#include "slicehost/thread_cpu_ledger.h"
+#include "slicehost/watched_quote.h"
 
 namespace tsm::sim {
 
@@ -50,21 +52,44 @@ BenchResult RunBench(const BenchOptions& options) {
   }
   BenchResult result;
   result.parents = options.parents;
+  // Before the player starts its host loop, so that the loop enters itself.
+  ThreadCpuLedger& ledger = ThreadCpuLedger::Instance();
+  ledger.SetEnabled(true);
+  ledger.Note(ThreadClass::kDriver);
+  RunOnEventThread([] { ThreadCpuLedger::Instance().Note(ThreadClass::kEvent); });
   Player play(scenario, false, false);
   // Nothing below reads the recorded calls.
   play.host().SetKeepEvents(false);
   play.Schedule(false);
   play.AdvanceTo(999);
+  const ThreadCpuLedger::Totals cpu_start = ledger.Read();
   const auto wall_start = Wall::now();
+  auto next_progress = wall_start + std::chrono::seconds(2);
+  // Each parent ends in its children and one final portion, which is no child.
+  const int64_t expected_children =
+      static_cast<int64_t>(options.parents) *
+      (options.sliced_type == 4 ? std::max(1, options.children_per_parent)
+                                : std::max(0, std::max(1, options.children_per_parent) - 1));
   int64_t t = 999;
   for (;;) {
     t += 100;
     play.AdvanceTo(t);
     const SimExchange& exchange = play.exchange();
-    if (exchange.AccountCount() == options.parents && exchange.EndedAccountCount() == options.parents) break;
+    const int32_t ended = exchange.EndedAccountCount();
+    if (exchange.AccountCount() == options.parents && ended == options.parents) break;
     if (t > 3600 * 1000) break;
+    if (options.progress && Wall::now() >= next_progress) {
+      options.progress(exchange.ChildrenSent(), expected_children,
+                       std::chrono::duration<double>(Wall::now() - wall_start).count());
+      next_progress = Wall::now() + std::chrono::seconds(1);
+    }
   }
   result.wall_seconds = std::chrono::duration<double>(Wall::now() - wall_start).count();
+  const ThreadCpuLedger::Totals cpu_end = ledger.Read();
+  for (std::size_t i = 0; i < result.cpu_ns.size(); ++i) {
+    result.cpu_ns[i] = cpu_end.ns[i] - cpu_start.ns[i];
+    result.threads[i] = cpu_end.threads[i];
+  }
   for (const ParentAccount& account : play.exchange().Accounts()) result.children += account.children_sent;
   result.simulated_ms = t - 999;
   result.children_per_second = result.wall_seconds > 0 ? static_cast<double>(result.children) / result.wall_seconds : 0;

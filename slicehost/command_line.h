@@ -30,6 +30,7 @@ struct Options {
   int parents = 1000;
   int children = 20;
   int32_t bench_kind = 1;
+  bool profile = false;
 };
 
 // Reads the arguments into `o`; returns an empty text when they are good,

@@ -75,6 +75,29 @@ TEST(CommandLine, NumbersOutOfRangeAreNotCalledFractional) {
   EXPECT_EQ(Parse({"slicehost", "bench", "--parents"}, &o), "--parents needs a whole number from 1 to 1000000");
 }
 
+TEST(CommandLine, BenchShapesOverTheLimitAreRefused) {
+  Options o;
+  EXPECT_EQ(Parse({"slicehost", "bench", "--parents", "1000", "--children", "300"}, &o),
+            "1000 parents of 300 orders make 300000 orders, over the 200000 a bench run may make; use fewer "
+            "parents or fewer orders per parent");
+  Options at_limit;
+  EXPECT_EQ(Parse({"slicehost", "bench", "--parents", "1000", "--children", "200"}, &at_limit), "");
+  Options by_default;
+  EXPECT_EQ(Parse({"slicehost", "bench", "--parents", "20000"}, &by_default),
+            "20000 parents of 20 orders make 400000 orders, over the 200000 a bench run may make; use fewer "
+            "parents or fewer orders per parent");
+}
+
+TEST(CommandLine, BenchProfileIsAnOptionOfBenchOnly) {
+  Options o;
+  EXPECT_EQ(Parse({"slicehost", "bench", "--profile"}, &o), "");
+  EXPECT_TRUE(o.profile);
+  Options demo;
+  EXPECT_EQ(Parse({"slicehost", "demo", "--profile"}, &demo), "unexpected argument \"--profile\" for demo");
+  EXPECT_NE(HelpText("bench").find("--profile"), std::string::npos);
+  EXPECT_NE(HelpText("bench").find("at most 200000 orders"), std::string::npos);
+}
+
 TEST(CommandLine, CheckNeedsAScenario) {
   Options o;
   EXPECT_EQ(Parse({"slicehost", "check"}, &o), "check needs a scenario file");

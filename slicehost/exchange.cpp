@@ -865,6 +865,13 @@ int32_t SimExchange::AccountCount() const {
   return static_cast<int32_t>(account_order_.size());
 }
 
+int64_t SimExchange::ChildrenSent() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  int64_t count = 0;
+  for (const auto& [slice_id, account] : accounts_) count += account.children_sent;
+  return count;
+}
+
 int32_t SimExchange::EndedAccountCount() const {
   std::lock_guard<std::mutex> guard(lock_);
   int32_t count = 0;

@@ -220,6 +220,8 @@ class SimExchange {
   // portion filled or position transferred); cheaper than Accounts().
   int32_t AccountCount() const;
   int32_t EndedAccountCount() const;
+  // New orders taken so far, over every account.
+  int64_t ChildrenSent() const;
 
   // The SendTopic handler installed in `host.on_send` (public so a host that
   // chains several handlers can call it).

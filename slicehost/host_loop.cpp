@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "slicehost/thread_cpu_ledger.h"
+
 namespace tsm::sim {
 
 namespace {
@@ -85,6 +87,7 @@ bool HostLoop::PostAndWait(Action action) {
 }
 
 void HostLoop::Run() {
+  ThreadCpuLedger::Instance().Note(ThreadClass::kHostLoop);
   for (;;) {
     const int woke = wait_->Wait();
     std::unique_lock<std::mutex> guard(lock_);

@@ -3,7 +3,7 @@
 //   slicehost demo   [--transcript FILE] [--report FILE.html] [--real-time] [--quiet | --summary-only] [--verbose]
 //   slicehost run SCENARIO.json [the same options] [--expect GOLDEN] [--write-golden NEW]
 //   slicehost check SCENARIO.json
-//   slicehost bench  [--parents N] [--children N] [--kind iceberg|slice-all]
+//   slicehost bench  [--parents N] [--children N] [--kind iceberg|slice-all] [--profile]
 //   slicehost --version; slicehost VERB --help
 //
 // Exit codes (command_line.h): 0 done (and the transcript matched its golden
@@ -49,11 +49,33 @@ std::string VersionText() {
   return std::string("slicehost ") + TSM_VERSION_TEXT + "\n";
 }
 
+// The CPU split by thread class, with the share of each and how many of the
+// two cores' time the run kept busy.
+void PrintBenchProfile(const BenchResult& r) {
+  int64_t all_ns = 0;
+  for (int64_t ns : r.cpu_ns) all_ns += ns;
+  const double children = r.children > 0 ? static_cast<double>(r.children) : 1.0;
+  std::printf("\n%-16s %8s %10s %13s %7s\n", "thread class", "threads", "CPU ms", "us per child", "share");
+  for (std::size_t i = 0; i < r.cpu_ns.size(); ++i) {
+    const double ns = static_cast<double>(r.cpu_ns[i]);
+    std::printf("%-16s %8d %10.1f %13.2f %6.1f%%\n", ThreadClassName(static_cast<ThreadClass>(i)), r.threads[i],
+                ns / 1e6, ns / 1000.0 / children, all_ns > 0 ? 100.0 * ns / static_cast<double>(all_ns) : 0.0);
+  }
+  std::printf("%-16s %8s %10.1f %13.2f\n", "all", "", static_cast<double>(all_ns) / 1e6,
+              static_cast<double>(all_ns) / 1000.0 / children);
+  std::printf("CPUs busy on average: %.2f (CPU time over real time)\n",
+              r.wall_seconds > 0 ? static_cast<double>(all_ns) / 1e9 / r.wall_seconds : 0.0);
+}
+
 int Bench(const Options& o) {
   BenchOptions options;
   options.parents = o.parents;
   options.children_per_parent = o.children;
   options.sliced_type = o.bench_kind;
+  options.progress = [](int64_t sent, int64_t expected, double seconds) {
+    std::fprintf(stderr, "bench: %lld of %lld children sent after %.1f s\n", static_cast<long long>(sent),
+                 static_cast<long long>(expected), seconds);
+  };
   const BenchResult r = RunBench(options);
   std::printf("kind:                         %s\n", SliceKindName(options.sliced_type).c_str());
   std::printf("parents:                      %d\n", r.parents);
@@ -62,6 +84,14 @@ int Bench(const Options& o) {
   std::printf("real time:                    %.3f s\n", r.wall_seconds);
   std::printf("children per second:          %.0f\n", r.children_per_second);
   std::printf("host-thread us per parent:    %.1f\n", r.host_us_per_parent);
+  const double children = r.children > 0 ? static_cast<double>(r.children) : 1.0;
+  auto per_child_us = [&](ThreadClass kind) {
+    return static_cast<double>(r.cpu_ns[static_cast<std::size_t>(kind)]) / 1000.0 / children;
+  };
+  std::printf("event thread CPU us per child: %.2f\n", per_child_us(ThreadClass::kEvent));
+  std::printf("host loop CPU us per child:    %.2f\n", per_child_us(ThreadClass::kHostLoop));
+  std::printf("timer threads CPU us per child: %.2f\n", per_child_us(ThreadClass::kTimer));
+  if (o.profile) PrintBenchProfile(r);
   return kExitOk;
 }
 

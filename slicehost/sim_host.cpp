@@ -5,6 +5,7 @@
 #include <rapidjson/document.h>
 
 #include "data/text.h"
+#include "slicehost/thread_cpu_ledger.h"
 
 namespace tsm::sim {
 
@@ -79,7 +80,13 @@ HResult SimHost::RegisterTopic(const std::wstring& topic, Variant* result) {
   return kS_OK;
 }
 
+// The host loop, the event thread and the clock's driver have entered the
+// ledger already; any other thread calling the host is one of the manager's
+// own (a timer's, mostly).
+void SimHost::NoteCaller() { ThreadCpuLedger::Instance().Note(ThreadClass::kTimer); }
+
 HResult SimHost::GetTopicData(const std::wstring& topic, Variant* result) {
+  NoteCaller();
   HostEvent e;
   e.ev = "GetTopicData";
   e.topic = topic;
@@ -96,6 +103,7 @@ HResult SimHost::GetTopicData(const std::wstring& topic, Variant* result) {
 
 HResult SimHost::SendTopic(const std::wstring& topic, int32_t param1, int32_t param2, const std::wstring& text,
                            Variant* data, Variant* result) {
+  NoteCaller();
   RecordTopicCall("SendTopic", topic, param1, param2, text, data);
 
   if (topic == L"MARZIPAN.REQUEST" && data != nullptr) {
@@ -125,6 +133,7 @@ HResult SimHost::SendTopic(const std::wstring& topic, int32_t param1, int32_t pa
 }
 
 HResult SimHost::WriteLog(const std::wstring& line) {
+  NoteCaller();
   if (!KeepsEvents()) return kS_OK;
   HostEvent e;
   e.ev = "WriteLog";

@@ -124,6 +124,7 @@ class SimHost final : public INordaManagerEvents {
       on_send;
 
  private:
+  static void NoteCaller();
   void Record(HostEvent event);
 
   IClock& clock_;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -18,6 +19,10 @@ namespace tsm::sim {
 // The id of the component's one event thread, found by listening to a record
 // of our own once.
 std::thread::id EventThreadId();
+
+// Runs `fn` once on the component's event thread, through a change of a
+// record of our own, and returns when it has run.
+void RunOnEventThread(const std::function<void()>& fn);
 
 // ---- Quote records -----------------------------------------------------------
 

@@ -49,7 +49,7 @@ class CTradeSliceManagerPeer {
   CMapStringToString& SlicedOrders() { return m_->m_mapSlicedOrders; }
   CMapStringToString& CancelledOrders() { return m_->m_mapCancelledOrders; }
   CMapStringToString& GroupReport() { return m_->m_mapGroupReport; }
-  CMapStringToString& SliceToListened() { return m_->m_mapSliceToListened; }
+  SliceChildren& SliceToListened() { return m_->m_mapSliceToListened; }
   CMapStringToString& SliceAllSet() { return m_->m_mapSliceAllSet; }
   CMapStringToString& CancelledSlices() { return m_->m_mapCancelledSlices; }
   CStringArray& VolumeCheckQueue() { return m_->m_arrVolumeCheck; }

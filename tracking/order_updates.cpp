@@ -182,18 +182,18 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
     return;
   }
   if (parent->GetLong(L"SlicedType", INT32_MIN) == 2) return;
-  CString siblings;
+  SliceChildren::View siblings;
   {
     ScopedLock<CMutex> guard(m_mutexSlice);
-    m_mapSliceToListened.Lookup(slice_id, siblings);
+    siblings = m_mapSliceToListened.Find(slice_id);
   }
-  // Split as Tokenize splits, but looked at in place: a parent with many
-  // children walks them on every fill.
-  const std::wstring_view list(siblings.wstr());
-  int pos = 0;
-  for (std::wstring_view sibling = TokenizeView(list, L",", pos); pos != -1;
-       sibling = TokenizeView(list, L",", pos)) {
-    if (sibling == level_key.wstr() || sibling == parent_key.wstr()) continue;
+  // The keys as the comma-joined list splits, read in place: a parent with
+  // many children walks them on every fill.
+  const std::wstring_view own_key(level_key.wstr());
+  const std::wstring_view parent_view(parent_key.wstr());
+  bool passed = true;
+  siblings.ForEachPiece([&](std::wstring_view sibling) {
+    if (!passed || sibling == own_key || sibling == parent_view) return;
     ScopedLock<CMutex> guard(m_mutexOrder);
     void* sibling_slot = nullptr;
     if (m_mapLevelKeyToOrderData.Lookup(sibling, sibling_slot) && sibling_slot != nullptr) {
@@ -201,8 +201,9 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
     }
     // The check looks at this update's own ExecType, not the sibling's, so it
     // always passes; it is kept as it is.
-    if (!IsFinalGroup(exec_type)) return;
-  }
+    if (!IsFinalGroup(exec_type)) passed = false;
+  });
+  if (!passed) return;
   DoSlicedWork(parent, record, 0);
 }
 

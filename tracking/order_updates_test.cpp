@@ -294,7 +294,7 @@ TEST_F(OrderUpdatesTest, SiblingCheckPassesEvenWhenASiblingIsStillWorking) {
   IBaseData* second = Child(L"C2");
   Update(second, {{L"ExecType", I4(0)}, {L"OrderID", T(L"X2")}});
   CString listed;
-  peer_.SliceToListened().Lookup(L"S1", listed);
+  peer_.SliceToListened().Text(L"S1", listed);
   ASSERT_EQ(listed, L"C1,C2");
   Update(first, {{L"ExecType", I4(3)}, {L"CumQty", I4(300)}, {L"LeavesQty", I4(0)}});
   EXPECT_TRUE(SliceCut());
