@@ -13,9 +13,18 @@
 
 set(TSM_WARNINGS -Wall -Wextra -Wno-unused-parameter)
 
+# Headers that differ by operating system live in platform/<os>/os/ and are
+# included as "os/<name>.h"; the build picks the folder.
+if(WIN32)
+  set(TSM_OS_DIR win)
+else()
+  set(TSM_OS_DIR posix)
+endif()
+
 function(_tsm_common target)
   target_compile_options(${target} PRIVATE ${TSM_WARNINGS})
-  target_include_directories(${target} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+  target_include_directories(${target} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include
+                             ${PROJECT_SOURCE_DIR}/platform/${TSM_OS_DIR})
 endfunction()
 
 function(tsm_target kind name)

@@ -1,6 +1,7 @@
 #include <benchmark/benchmark.h>
 
 #include "data/base_data.h"
+#include "testing/component_binding.h"
 
 namespace tsm {
 namespace {
@@ -8,7 +9,7 @@ namespace {
 // A record bound to its own object, as the order registry holds them.
 class BoundRecord {
  public:
-  BoundRecord() : object_(TsmCreateBaseData(L"Order")) { record_.Initialize(nullptr, object_); }
+  BoundRecord() : object_(TsmCreateBaseData(L"Order")) { record_.Initialize(nullptr, BindingOf(object_)); }
   ~BoundRecord() { object_->Release(); }
   CBaseData& record() { return record_; }
   IBaseData* object() { return object_; }
@@ -70,7 +71,7 @@ void BM_RecordBatchWriteThreeFieldsListened(benchmark::State& state) {
   BoundRecord bound;
   CBaseDataEventReceiver receiver;
   CBaseData listener;
-  listener.Initialize(&receiver, bound.object());
+  listener.Initialize(&receiver, BindingOf(bound.object()));
   int32_t qty = 0;
   for (auto _ : state) {
     CBaseData& record = bound.record();
@@ -89,7 +90,7 @@ void BM_CookieRoundTrip(benchmark::State& state) {
   IBaseData* object = TsmCreateBaseData(L"Order");
   for (auto _ : state) {
     CBaseData owner;
-    owner.Initialize(nullptr, object);
+    owner.Initialize(nullptr, BindingOf(object));
     CBaseData* copy = CBaseData::FromCookie(owner.GetCookie(), nullptr);
     benchmark::DoNotOptimize(copy);
     delete copy;
