@@ -4,8 +4,8 @@
 
 #include "basedata/base_data_entry.h"
 #include "basedata/base_data_object.h"
+#include "basedata/create_failure.h"
 #include "basedata/event_queue.h"
-#include "basedata/interface_table.h"
 
 namespace tsm {
 
@@ -25,10 +25,7 @@ class ClassFactory final : public IBaseDataClassFactory {
   HResult CreateInstance(IBaseData** object) override {
     if (object == nullptr) return kE_INVALIDARG;
     *object = nullptr;
-    int32_t failing = g_failing_creates.load();
-    while (failing > 0 && !g_failing_creates.compare_exchange_weak(failing, failing - 1)) {
-    }
-    if (failing > 0) return kE_FAIL;
+    if (basedata::TakeCreateFailure()) return kE_FAIL;
     *object = new basedata::BaseDataObject(std::wstring());
     return kS_OK;
   }
@@ -41,9 +38,14 @@ ClassFactory g_factory;
 
 }  // namespace
 
-extern "C" {
+bool basedata::TakeCreateFailure() {
+  int32_t failing = g_failing_creates.load();
+  while (failing > 0 && !g_failing_creates.compare_exchange_weak(failing, failing - 1)) {
+  }
+  return failing > 0;
+}
 
-IGlobalInterfaceTable* TsmGetGlobalInterfaceTable() { return &basedata::InterfaceTable::Instance(); }
+extern "C" {
 
 IBaseData* TsmCreateBaseDataByProgId(const wchar_t* prog_id) {
   if (prog_id == nullptr || std::wcscmp(prog_id, kProgId) != 0) return nullptr;

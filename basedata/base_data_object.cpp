@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "basedata/interface_table.h"
 
 namespace tsm::basedata {
 
@@ -162,14 +161,15 @@ Variant BaseDataObject::ChildAtLocked(int32_t index) {
 }
 
 Variant BaseDataObject::PublishLocked(ChildSlot& slot) {
-  if (slot.cookie == 0 && InterfaceTable::Instance().RegisterInterfaceInGlobal(slot.object, &slot.cookie) != kS_OK) {
+  if (slot.cookie == 0 &&
+      TsmGetGlobalInterfaceTable()->RegisterInterfaceInGlobal(slot.object, &slot.cookie) != kS_OK) {
     return Variant();
   }
   return Variant::I4(static_cast<int32_t>(slot.cookie));
 }
 
 void BaseDataObject::Retire(const ChildSlot& slot) {
-  if (slot.cookie != 0) InterfaceTable::Instance().RevokeInterfaceFromGlobal(slot.cookie);
+  if (slot.cookie != 0) TsmGetGlobalInterfaceTable()->RevokeInterfaceFromGlobal(slot.cookie);
   slot.object->Release();
 }
 

@@ -18,17 +18,26 @@
 
 set(TSM_WARNINGS -Wall -Wextra -Wno-unused-parameter)
 
+# Headers that differ by operating system live in platform/<os>/os/ and are
+# included as "os/<name>.h"; the build picks the folder.
+if(WIN32)
+  set(TSM_OS_DIR win)
+else()
+  set(TSM_OS_DIR posix)
+endif()
+
 function(_tsm_common target)
   target_compile_options(${target} PRIVATE ${TSM_WARNINGS})
   target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
                                               $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
-                                              $<BUILD_INTERFACE:${TSM_GENERATED_INCLUDE}>)
+                                              $<BUILD_INTERFACE:${TSM_GENERATED_INCLUDE}>
+                                              $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform/${TSM_OS_DIR}>)
 endfunction()
 
 function(_tsm_shared target)
   target_compile_options(${target} PRIVATE ${TSM_WARNINGS})
   target_include_directories(${target}
-    PRIVATE ${PROJECT_SOURCE_DIR}
+    PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/platform/${TSM_OS_DIR}
     PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<BUILD_INTERFACE:${TSM_GENERATED_INCLUDE}>
            $<INSTALL_INTERFACE:include>)
   # The public headers are C++17; the component itself is built as C++20.

@@ -14,7 +14,6 @@
 #include <rapidjson/document.h>
 #include <rapidjson/encodings.h>
 
-#include "basedata/base_data_entry.h"
 #include "platform/clock.h"
 #include "platform/module_path.h"
 #include "platform/sync.h"
@@ -139,8 +138,27 @@ class FieldKeys {
 
 // What the record and its event sink share. The sink may still be called
 // after the record is gone, so this lives as long as either of them.
-struct CBaseData::Shared {
+struct CBaseData::Shared final : DispatchEventHandler {
   explicit Shared(CBaseData* owner) : record(owner) {}
+
+  // OnUpdate (DISPID 1): drops the event that reports this record's own
+  // write. A time-out goes on without the lock rather than stall the event
+  // thread.
+  void HandleUpdate(int32_t update_id, const std::wstring& text) override {
+    lock.Wait(kLockWaitMs);
+    CBaseDataEventReceiver* current = receiver.load();
+    if (advise_cookie.load() != 0 && current != nullptr) {
+      const bool own = deliver_own_updates.load() == 0 && update_id == own_update_id.load();
+      if (!own) current->OnDataUpdate(record, update_id, CString(text));
+    }
+    lock.Set();
+  }
+
+  // OnReplace (DISPID 2) takes no lock.
+  void HandleReplace(int32_t id) override {
+    CBaseDataEventReceiver* current = receiver.load();
+    if (current != nullptr) current->OnDataReplace(record, id);
+  }
 
   CBaseData* const record;
   // Auto-reset and created signalled: a binary semaphore that guards
@@ -154,64 +172,21 @@ struct CBaseData::Shared {
   std::atomic<int32_t> deliver_own_updates{0};
 };
 
-// Receives the object's events on the component's event thread and forwards
-// them to the record's receiver.
-class CBaseData::EventSink final : public IBaseDataEvents {
- public:
-  explicit EventSink(std::shared_ptr<Shared> shared) : shared_(std::move(shared)) {}
-  EventSink(const EventSink&) = delete;
-  EventSink& operator=(const EventSink&) = delete;
-
-  uint32_t AddRef() override { return refs_.fetch_add(1, std::memory_order_relaxed) + 1; }
-  uint32_t Release() override {
-    const uint32_t left = refs_.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    if (left == 0) delete this;
-    return left;
-  }
-
-  void OnUpdate(int32_t update_id, const std::wstring& text) override {
-    Shared& shared = *shared_;
-    // A time-out goes on without the lock rather than stall the event thread.
-    shared.lock.Wait(kLockWaitMs);
-    CBaseDataEventReceiver* receiver = shared.receiver.load();
-    if (shared.advise_cookie.load() != 0 && receiver != nullptr) {
-      const bool own = shared.deliver_own_updates.load() == 0 && update_id == shared.own_update_id.load();
-      if (!own) receiver->OnDataUpdate(shared.record, update_id, CString(text));
-    }
-    shared.lock.Set();
-  }
-
-  void OnReplace(int32_t id) override {
-    CBaseDataEventReceiver* receiver = shared_->receiver.load();
-    if (receiver != nullptr) receiver->OnDataReplace(shared_->record, id);
-  }
-
- private:
-  ~EventSink() = default;
-
-  std::atomic<uint32_t> refs_{1};
-  const std::shared_ptr<Shared> shared_;
-};
-
 CBaseData::CBaseData(IClock* clock) : clock_(clock), shared_(std::make_shared<Shared>(this)) {}
 
 CBaseData::~CBaseData() {
   Shared& shared = *shared_;
   shared.lock.Wait(kLockWaitMs);
   shared.receiver = nullptr;
-  if (driver_ != nullptr) {
+  if (IsBound()) {
     const uint32_t advise_cookie = shared.advise_cookie.exchange(0);
-    if (advise_cookie != 0) driver_->Unadvise(advise_cookie);
+    if (advise_cookie != 0) driver_.ConnectionUnadvise(advise_cookie);
     shared.lock.Set();
-    driver_->Release();
-    driver_ = nullptr;
+    driver_.ReleaseDispatch();
   } else {
     shared.lock.Set();
   }
-  if (table_ != nullptr) {
-    if (table_cookie_ != 0) table_->RevokeInterfaceFromGlobal(table_cookie_);
-    table_ = nullptr;
-  }
+  if (table_.IsCreated() && table_cookie_ != 0) table_.Revoke(table_cookie_);
   // Once more, so that a handler that got in before the first wait is done.
   shared.lock.Wait(kLockWaitMs);
   shared.lock.Set();
@@ -220,24 +195,18 @@ CBaseData::~CBaseData() {
 
 IClock& CBaseData::clock() const { return clock_ != nullptr ? *clock_ : RealClock(); }
 
-bool CBaseData::Initialize(CBaseDataEventReceiver* receiver, IBaseData* dispatch) {
+bool CBaseData::Initialize(CBaseDataEventReceiver* receiver, ComponentObject* dispatch) {
   shared_->receiver = receiver;
-  if (driver_ != nullptr) return true;
+  if (IsBound()) return true;
   if (dispatch != nullptr) {
-    dispatch->AddRef();
-    driver_ = dispatch;
-  } else if (!LoadComponent(kProgId)) {
-    driver_ = TsmCreateBaseDataByProgId(kProgId);
-    if (driver_ == nullptr) return false;
+    driver_.AttachDispatch(dispatch, true);
+  } else if (!LoadComponent(kProgId) && !driver_.CreateDispatch(kProgId)) {
+    return false;
   }
   shared_->advise_cookie = 0;
   if (receiver == nullptr) return true;
   // A failed advise leaves the record bound but deaf.
-  auto* sink = new EventSink(shared_);
-  uint32_t advise_cookie = 0;
-  driver_->Advise(sink, &advise_cookie);
-  sink->Release();
-  shared_->advise_cookie = advise_cookie;
+  shared_->advise_cookie = driver_.ConnectionAdvise(shared_);
   return true;
 }
 
@@ -248,24 +217,20 @@ bool CBaseData::LoadComponent(const CString& prog_id) {
 }
 
 bool CBaseData::LoadComponentFrom(const CString& component_path) {
-  void* module = LoadModuleFromItsFolder(component_path.wstr());
-  if (module == nullptr) return false;
-  if (component_module_ != nullptr) UnloadModule(component_module_);
-  component_module_ = module;
-  const auto get_class_object =
-      reinterpret_cast<BaseDataGetClassObjectFn>(ModuleEntryPoint(module, kBaseDataGetClassObjectName));
-  if (get_class_object == nullptr) return false;
-  IBaseDataClassFactory* factory = nullptr;
-  if (get_class_object(&factory) != kS_OK || factory == nullptr) return false;
-  IBaseData* object = nullptr;
-  const HResult created = factory->CreateInstance(&object);
-  factory->Release();
-  if (created != kS_OK || object == nullptr) {
-    if (object != nullptr) object->Release();
-    throw ComError(ComError::kNoObject);
-  }
-  if (driver_ != nullptr) driver_->Release();
-  driver_ = object;
+  // The library stays with the record until it dies, also when the load
+  // fails after it (or throws).
+  struct KeepModule {
+    CBaseData& record;
+    void* module = nullptr;
+    ~KeepModule() {
+      if (module == nullptr) return;
+      if (record.component_module_ != nullptr) UnloadModule(record.component_module_);
+      record.component_module_ = module;
+    }
+  } keep{*this};
+  ComponentObject* object = nullptr;
+  if (!LoadComponentObject(component_path.wstr(), &keep.module, &object)) return false;
+  driver_.AttachDispatch(object, false);
   return true;
 }
 
@@ -276,23 +241,22 @@ CString CBaseData::ComponentPathForModule(const CString& module_path) {
 }
 
 int32_t CBaseData::BeginUpdate() {
-  if (driver_ == nullptr) return -1;
-  const int32_t update_id = driver_->BeginUpdate();
+  if (!IsBound()) return -1;
+  const int32_t update_id = driver_.BeginUpdate();
   shared_->own_update_id = update_id;
   return update_id;
 }
 
 void CBaseData::SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value) {
-  if (driver_ != nullptr) driver_->SetData(update_id, kind, key, value);
+  driver_.SetData(update_id, kind, key, value);
 }
 
 void CBaseData::EndUpdate(int32_t update_id) {
-  if (driver_ != nullptr) driver_->EndUpdate(update_id);
+  driver_.EndUpdate(update_id);
 }
 
 Variant CBaseData::GetData(int32_t kind, const Variant& argument) {
-  if (driver_ == nullptr) return Variant();
-  return driver_->GetData(kind, argument);
+  return driver_.GetData(kind, argument);
 }
 
 Variant CBaseData::GetValue(const CString& field) { return GetData(kKindFieldByName, Variant::Text(field.wstr())); }
@@ -397,29 +361,24 @@ CBaseData* CBaseData::GetChildAt(int32_t index, CBaseDataEventReceiver* receiver
 
 uint32_t CBaseData::GetCookie() {
   if (table_cookie_ != 0) return table_cookie_;
-  if (table_ == nullptr) table_ = TsmGetGlobalInterfaceTable();
-  if (table_ == nullptr) return 0;
-  uint32_t cookie = 0;
-  if (table_->RegisterInterfaceInGlobal(driver_, &cookie) != kS_OK) cookie = 0;
-  table_cookie_ = cookie;
+  if (!table_.Create()) return 0;
+  table_cookie_ = driver_.dispatch() != nullptr ? table_.Register(driver_.dispatch()) : 0;
   return table_cookie_;
 }
 
 CBaseData* CBaseData::FromCookie(uint32_t cookie, CBaseDataEventReceiver* receiver, IClock* clock) {
-  IGlobalInterfaceTable* table = TsmGetGlobalInterfaceTable();
-  if (table == nullptr) return nullptr;
-  IBaseData* object = nullptr;
-  const HResult fetched = table->GetInterfaceFromGlobal(cookie, &object);
-  if (fetched != kS_OK || object == nullptr) {
-    if (object != nullptr) object->Release();
-    return nullptr;
-  }
+  InterfaceTableRef table;
+  if (!table.Create()) return nullptr;
+  ComponentObject* object = table.Get(cookie);
+  if (object == nullptr) return nullptr;
   auto* record = new CBaseData(clock);
   if (!record->Initialize(receiver, object)) {
     delete record;
     record = nullptr;
   }
-  object->Release();
+  // The record took its own reference.
+  COleDispatchDriver fetched;
+  fetched.AttachDispatch(object, false);
   return record;
 }
 
@@ -442,11 +401,11 @@ void CBaseData::Disconnect() {
   shared.lock.Wait(kLockWaitMs);
   shared.receiver = nullptr;
   const uint32_t advise_cookie = shared.advise_cookie.exchange(0);
-  if (advise_cookie != 0 && driver_ != nullptr) driver_->Unadvise(advise_cookie);
+  if (advise_cookie != 0) driver_.ConnectionUnadvise(advise_cookie);
   shared.lock.Set();
 }
 
-bool CBaseData::IsBound() const { return driver_ != nullptr; }
+bool CBaseData::IsBound() const { return driver_.dispatch() != nullptr; }
 
 void CBaseData::SetDeliverOwnUpdates(int32_t deliver) { shared_->deliver_own_updates = deliver; }
 

@@ -17,6 +17,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "data/dispatch_driver.h"
 #include "data/text.h"
 #include "tradeslice/base_data_api.h"
 #include "tradeslice/variant.h"
@@ -69,7 +70,7 @@ class CBaseData {
   // new object of the component (private load first, then by ProgID). With a
   // receiver, connects the object's events to it. False when no object could
   // be had; the record then stays unbound.
-  bool Initialize(CBaseDataEventReceiver* receiver, IBaseData* dispatch = nullptr);
+  bool Initialize(CBaseDataEventReceiver* receiver, ComponentObject* dispatch = nullptr);
   // The private load from the platform's installation folder; false when this
   // module does not lie under a "\NordaRelease\" folder or the component
   // cannot be loaded from there. The ProgID argument is ignored.
@@ -122,7 +123,6 @@ class CBaseData {
 
  private:
   struct Shared;
-  class EventSink;
 
   IClock& clock() const;
   // The conversions of the typed getters.
@@ -131,9 +131,9 @@ class CBaseData {
   static int64_t AsInt64(const Variant& value, int64_t default_value);
 
   IClock* clock_;
-  IBaseData* driver_ = nullptr;  // owned reference; null: not bound
+  COleDispatchDriver driver_;    // holds no object: not bound
   void* component_module_ = nullptr;  // library loaded by LoadComponent, freed in the destructor
-  IGlobalInterfaceTable* table_ = nullptr;  // taken on the first GetCookie
+  InterfaceTableRef table_;      // created on the first GetCookie
   uint32_t table_cookie_ = 0;    // registration in the interface table; 0: none
   int32_t child_count_ = -1;     // cached GetCount; negative: not read yet
   CString name_;                 // cache of GetName

@@ -14,6 +14,7 @@
 #include "basedata/base_data_entry.h"
 #include "platform/module_path.h"
 #include "platform/virtual_clock.h"
+#include "testing/component_binding.h"
 
 namespace tsm {
 namespace {
@@ -97,7 +98,7 @@ TEST(BaseDataTest, InitializeWithObjectTakesAReferenceAndDestructionGivesItBack)
   ObjectPtr object = NewObject();
   {
     CBaseData record;
-    ASSERT_TRUE(record.Initialize(nullptr, object.get()));
+    ASSERT_TRUE(record.Initialize(nullptr, BindingOf(object.get())));
     EXPECT_TRUE(record.IsBound());
     EXPECT_EQ(OtherReferences(object.get()), 1u);
   }
@@ -108,8 +109,8 @@ TEST(BaseDataTest, InitializeOnBoundRecordKeepsTheBinding) {
   ObjectPtr first = NewObject(L"First");
   ObjectPtr second = NewObject(L"Second");
   CBaseData record;
-  ASSERT_TRUE(record.Initialize(nullptr, first.get()));
-  EXPECT_TRUE(record.Initialize(nullptr, second.get()));
+  ASSERT_TRUE(record.Initialize(nullptr, BindingOf(first.get())));
+  EXPECT_TRUE(record.Initialize(nullptr, BindingOf(second.get())));
   EXPECT_EQ(record.GetName(), L"First");
   EXPECT_EQ(OtherReferences(second.get()), 0u);
 }
@@ -185,7 +186,7 @@ TEST(BaseDataTest, ClassObjectThatMakesNoObjectRaisesInsteadOfFallingBack) {
 TEST(BaseDataTest, GetLongParsesLeadingDigitsOfText) {
   ObjectPtr object = NewObject();
   CBaseData record;
-  record.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
   Write(record, L"OrderQty", Variant::Text(L"12abc"));
   EXPECT_EQ(record.GetLong(L"OrderQty", -1), 12);
 }
@@ -193,7 +194,7 @@ TEST(BaseDataTest, GetLongParsesLeadingDigitsOfText) {
 TEST(BaseDataTest, GetLongOnMissingFieldGivesTheDefault) {
   ObjectPtr object = NewObject();
   CBaseData record;
-  record.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
   EXPECT_EQ(record.GetLong(L"OrderQty", INT32_MIN), INT32_MIN);
 }
 
@@ -203,7 +204,7 @@ TEST(BaseDataTest, GetLongOnMissingFieldGivesTheDefault) {
 TEST(BaseDataTest, ReadsByManyNamesEachFindTheirOwnField) {
   ObjectPtr object = NewObject();
   CBaseData record;
-  record.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
   const int kNames = 1500;
   for (int i = 0; i < kNames; ++i) Write(record, (L"Field" + std::to_wstring(i)).c_str(), Variant::I4(i));
   for (int round = 0; round < 2; ++round) {
@@ -226,7 +227,7 @@ TEST(BaseDataTest, ReadsByManyNamesEachFindTheirOwnField) {
 TEST(BaseDataTest, ReadFromTheSameAddressFollowsTheTextNowThere) {
   ObjectPtr object = NewObject();
   CBaseData record;
-  record.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
   Write(record, L"Side", Variant::Text(L"B"));
   Write(record, L"Side1", Variant::Text(L"S"));
   Write(record, L"Sid", Variant::Text(L"X"));
@@ -248,7 +249,7 @@ TEST(BaseDataTest, ReadFromTheSameAddressFollowsTheTextNowThere) {
 TEST(BaseDataTest, GetLongTakesI4AndIgnoresOtherTypes) {
   ObjectPtr object = NewObject();
   CBaseData record;
-  record.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
   Write(record, L"Small", Variant::I4(-42));
   Write(record, L"Wide", Variant::I8(7));
   EXPECT_EQ(record.GetLong(L"Small", 0), -42);
@@ -258,7 +259,7 @@ TEST(BaseDataTest, GetLongTakesI4AndIgnoresOtherTypes) {
 TEST(BaseDataTest, GetInt64TakesI8I4AndText) {
   ObjectPtr object = NewObject();
   CBaseData record;
-  record.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
   Write(record, L"Price", Variant::I8(INT64_C(123456789012)));
   Write(record, L"Negative", Variant::I4(-3));
   Write(record, L"Text", Variant::Text(L"-9000000000x"));
@@ -271,7 +272,7 @@ TEST(BaseDataTest, GetInt64TakesI8I4AndText) {
 TEST(BaseDataTest, GetInt64ByIdOnI4FieldGivesSmallestInt64) {
   ObjectPtr object = NewObject();
   CBaseData record;
-  record.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
   const int32_t update_id = record.BeginUpdate();
   record.SetData(update_id, kKindFieldById, Variant::I4(44), Variant::I4(1500));
   record.SetData(update_id, kKindFieldById, Variant::I4(45), Variant::I8(1500));
@@ -285,7 +286,7 @@ TEST(BaseDataTest, GetInt64ByIdOnI4FieldGivesSmallestInt64) {
 TEST(BaseDataTest, GetStringConvertsNumbersToText) {
   ObjectPtr object = NewObject();
   CBaseData record;
-  record.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
   Write(record, L"Qty", Variant::I4(-12));
   Write(record, L"Price", Variant::I8(INT64_C(9876543210)));
   EXPECT_EQ(record.GetString(L"Qty"), L"-12");
@@ -299,10 +300,10 @@ TEST(BaseDataTest, NonAsciiTextSurvivesWriteAndRead) {
   const std::wstring account = L"\u6D4B\u8BD5\u8D26\u6237\u4E00\u53F7 \U0001F4C8";
   ObjectPtr object = NewObject(L"\u8D26\u6237");
   CBaseData writer;
-  writer.Initialize(nullptr, object.get());
+  writer.Initialize(nullptr, BindingOf(object.get()));
   Write(writer, L"\u8D26\u6237\u540D", Variant::Text(account));
   CBaseData reader;
-  reader.Initialize(nullptr, object.get());
+  reader.Initialize(nullptr, BindingOf(object.get()));
   EXPECT_EQ(reader.GetString(L"\u8D26\u6237\u540D").wstr(), account);
   EXPECT_EQ(reader.GetName(), L"\u8D26\u6237");
 }
@@ -310,8 +311,8 @@ TEST(BaseDataTest, NonAsciiTextSurvivesWriteAndRead) {
 TEST(BaseDataTest, WritesOfOneBatchTakeEffectAtEndUpdate) {
   ObjectPtr object = NewObject();
   CBaseData writer, reader;
-  writer.Initialize(nullptr, object.get());
-  reader.Initialize(nullptr, object.get());
+  writer.Initialize(nullptr, BindingOf(object.get()));
+  reader.Initialize(nullptr, BindingOf(object.get()));
   const int32_t update_id = writer.BeginUpdate();
   writer.SetData(update_id, kKindFieldByName, Variant::Text(L"OrderQty"), Variant::I4(10));
   writer.SetData(update_id, kKindFieldByName, Variant::Text(L"LeavesQty"), Variant::I4(10));
@@ -324,8 +325,8 @@ TEST(BaseDataTest, WritesOfOneBatchTakeEffectAtEndUpdate) {
 TEST(BaseDataTest, GetNameReadsTheComponentOnlyOnce) {
   ObjectPtr object = NewObject(L"Order");
   CBaseData record, renamer;
-  record.Initialize(nullptr, object.get());
-  renamer.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
+  renamer.Initialize(nullptr, BindingOf(object.get()));
   EXPECT_EQ(record.GetName(), L"Order");
   const int32_t update_id = renamer.BeginUpdate();
   renamer.SetData(update_id, kKindName, Variant(), Variant::Text(L"Renamed"));
@@ -338,7 +339,7 @@ TEST(BaseDataTest, GetCountReadsTheNumberOfChildren) {
   ObjectPtr parent = NewObject(L"Parent");
   ObjectPtr child = NewObject(L"Child");
   CBaseData record;
-  record.Initialize(nullptr, parent.get());
+  record.Initialize(nullptr, BindingOf(parent.get()));
   EXPECT_EQ(record.GetCount(), 0);
   TsmAppendChild(parent.get(), child.get());
   TsmAppendChild(parent.get(), child.get());
@@ -348,7 +349,7 @@ TEST(BaseDataTest, GetCountReadsTheNumberOfChildren) {
 TEST(BaseDataTest, GetLongParsesTextLikeTheWindowsRuntime) {
   ObjectPtr object = NewObject();
   CBaseData record;
-  record.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
   Write(record, L"Spaced", Variant::Text(L" \t\r\n-42 lots"));
   Write(record, L"Plus", Variant::Text(L"+7"));
   Write(record, L"Letters", Variant::Text(L"abc"));
@@ -372,7 +373,7 @@ TEST(BaseDataTest, GetLongParsesTextLikeTheWindowsRuntime) {
 TEST(BaseDataTest, GetInt64ParsesTextLikeTheWindowsRuntime) {
   ObjectPtr object = NewObject();
   CBaseData record;
-  record.Initialize(nullptr, object.get());
+  record.Initialize(nullptr, BindingOf(object.get()));
   Write(record, L"Spaced", Variant::Text(L"  +5000000000abc"));
   Write(record, L"Letters", Variant::Text(L"x1"));
   Write(record, L"TooBig", Variant::Text(L"9223372036854775808"));
@@ -385,7 +386,7 @@ TEST(BaseDataTest, ChineseAccountNameSurvivesARecordRead) {
   const std::wstring account = L"\u5F20\u4E09\u7684\u8D44\u91D1\u8D26\u6237";
   ObjectPtr object = NewObject();
   CBaseData writer;
-  writer.Initialize(nullptr, object.get());
+  writer.Initialize(nullptr, BindingOf(object.get()));
   Write(writer, L"Account", Variant::Text(account));
   // A record of the same object, as another thread would build it.
   std::unique_ptr<CBaseData> reader(CBaseData::FromCookie(writer.GetCookie(), nullptr));
@@ -399,7 +400,7 @@ TEST(BaseDataTest, ChineseAccountNameSurvivesARecordRead) {
 
 class BaseDataJsonTest : public ::testing::Test {
  protected:
-  void SetUp() override { record_.Initialize(nullptr, object_.get()); }
+  void SetUp() override { record_.Initialize(nullptr, BindingOf(object_.get())); }
   void Store(const wchar_t* field, const Variant& value) { Write(record_, field, value); }
 
   ObjectPtr object_ = NewObject();
@@ -442,7 +443,7 @@ class BaseDataChildrenTest : public ::testing::Test {
   void SetUp() override {
     TsmAppendChild(parent_.get(), first_.get());
     TsmAppendChild(parent_.get(), second_.get());
-    record_.Initialize(nullptr, parent_.get());
+    record_.Initialize(nullptr, BindingOf(parent_.get()));
   }
 
   VirtualClock clock_;
@@ -507,7 +508,7 @@ TEST_F(BaseDataChildrenTest, ChildRecordListensWithTheGivenReceiver) {
   std::unique_ptr<CBaseData> child(record_.GetChildAt(0, &events));
   ASSERT_NE(child, nullptr);
   CBaseData writer;
-  writer.Initialize(nullptr, first_.get());
+  writer.Initialize(nullptr, BindingOf(first_.get()));
   const int32_t update_id = Write(writer, L"ExecType", Variant::Text(L"F"));
   TsmWaitEventsDelivered();
   const auto updates = events.Updates();
@@ -590,7 +591,7 @@ class BaseDataReadsTest : public ::testing::Test {
   void SetUp() override {
     TsmAppendChild(parent_.get(), first_.get());
     TsmAppendChild(parent_.get(), second_.get());
-    ASSERT_TRUE(record_.Initialize(nullptr, &counter_));
+    ASSERT_TRUE(record_.Initialize(nullptr, BindingOf(&counter_)));
   }
 
   VirtualClock clock_;
@@ -634,7 +635,7 @@ TEST_F(BaseDataReadsTest, GetNameAsksTheComponentOnceEvenAfterARename) {
   EXPECT_EQ(record_.GetName(), L"Parent");
   EXPECT_EQ(record_.GetName(), L"Parent");
   CBaseData renamer;
-  renamer.Initialize(nullptr, parent_.get());
+  renamer.Initialize(nullptr, BindingOf(parent_.get()));
   const int32_t update_id = renamer.BeginUpdate();
   renamer.SetData(update_id, kKindName, Variant(), Variant::Text(L"Renamed"));
   renamer.EndUpdate(update_id);
@@ -647,12 +648,12 @@ TEST(BaseDataNameTest, EmptyNameIsNotCachedAndIsAskedForAgain) {
   ObjectPtr object = NewObject(L"");
   ReadCounter counter(object.get(), clock);
   CBaseData record;
-  ASSERT_TRUE(record.Initialize(nullptr, &counter));
+  ASSERT_TRUE(record.Initialize(nullptr, BindingOf(&counter)));
   EXPECT_TRUE(record.GetName().IsEmpty());
   EXPECT_TRUE(record.GetName().IsEmpty());
   EXPECT_EQ(counter.NameReads(), 2);
   CBaseData renamer;
-  renamer.Initialize(nullptr, object.get());
+  renamer.Initialize(nullptr, BindingOf(object.get()));
   const int32_t update_id = renamer.BeginUpdate();
   renamer.SetData(update_id, kKindName, Variant(), Variant::Text(L"Named"));
   renamer.EndUpdate(update_id);
@@ -668,7 +669,7 @@ TEST(BaseDataCookieTest, GetCookieRegistersOnceAndDestructionRevokes) {
   uint32_t cookie = 0;
   {
     CBaseData record;
-    record.Initialize(nullptr, object.get());
+    record.Initialize(nullptr, BindingOf(object.get()));
     cookie = record.GetCookie();
     ASSERT_NE(cookie, 0u);
     EXPECT_EQ(record.GetCookie(), cookie);
@@ -683,7 +684,7 @@ TEST(BaseDataCookieTest, GetCookieRegistersOnceAndDestructionRevokes) {
 TEST(BaseDataCookieTest, FromCookieMakesAnIndependentRecordOfTheSameObject) {
   ObjectPtr object = NewObject();
   CBaseData owner;
-  owner.Initialize(nullptr, object.get());
+  owner.Initialize(nullptr, BindingOf(object.get()));
   Write(owner, L"LevelKey", Variant::Text(L"K-1"));
   std::unique_ptr<CBaseData> copy(CBaseData::FromCookie(owner.GetCookie(), nullptr));
   ASSERT_NE(copy, nullptr);
@@ -700,7 +701,7 @@ TEST(BaseDataCookieTest, FromCookieOfAnUnknownCookieIsNull) {
 TEST(BaseDataCookieTest, CookieRoundTripAcrossThreads) {
   ObjectPtr object = NewObject();
   CBaseData owner;
-  owner.Initialize(nullptr, object.get());
+  owner.Initialize(nullptr, BindingOf(object.get()));
   Write(owner, L"Account", Variant::Text(L"\u8D26\u6237-7"));
   const uint32_t cookie = owner.GetCookie();
   ASSERT_NE(cookie, 0u);
@@ -723,7 +724,7 @@ TEST(BaseDataCookieTest, CookieMadeOnAnotherThreadOpensHere) {
   uint32_t cookie = 0;
   std::thread worker([&] {
     worker_record = std::make_unique<CBaseData>();
-    worker_record->Initialize(nullptr, object.get());
+    worker_record->Initialize(nullptr, BindingOf(object.get()));
     Write(*worker_record, L"Status", Variant::Text(L"done"));
     cookie = worker_record->GetCookie();
   });
@@ -744,8 +745,8 @@ class BaseDataEventsTest : public ::testing::Test {
 TEST_F(BaseDataEventsTest, OwnUpdateIsDroppedButReachesAnotherRecordOfTheSameObject) {
   RecordingReceiver mine, theirs;
   CBaseData writer, other;
-  writer.Initialize(&mine, object_.get());
-  other.Initialize(&theirs, object_.get());
+  writer.Initialize(&mine, BindingOf(object_.get()));
+  other.Initialize(&theirs, BindingOf(object_.get()));
   const int32_t update_id = Write(writer, L"OrderQty", Variant::I4(100));
   EXPECT_EQ(writer.OwnUpdateId(), update_id);
   TsmWaitEventsDelivered();
@@ -760,7 +761,7 @@ TEST_F(BaseDataEventsTest, OwnUpdateIsDroppedButReachesAnotherRecordOfTheSameObj
 TEST_F(BaseDataEventsTest, OlderOwnUpdatesAreDeliveredOnceANewerOneIsOpened) {
   RecordingReceiver events;
   CBaseData record;
-  record.Initialize(&events, object_.get());
+  record.Initialize(&events, BindingOf(object_.get()));
   const int32_t first = record.BeginUpdate();
   const int32_t second = record.BeginUpdate();
   record.EndUpdate(first);
@@ -774,9 +775,9 @@ TEST_F(BaseDataEventsTest, OlderOwnUpdatesAreDeliveredOnceANewerOneIsOpened) {
 TEST_F(BaseDataEventsTest, OwnUpdateIdIsMinus999BeforeAnyBeginUpdate) {
   RecordingReceiver fresh_events, used_events;
   CBaseData fresh, used, writer;
-  fresh.Initialize(&fresh_events, object_.get());
-  used.Initialize(&used_events, object_.get());
-  writer.Initialize(nullptr, object_.get());
+  fresh.Initialize(&fresh_events, BindingOf(object_.get()));
+  used.Initialize(&used_events, BindingOf(object_.get()));
+  writer.Initialize(nullptr, BindingOf(object_.get()));
   EXPECT_EQ(fresh.OwnUpdateId(), -999);
   used.EndUpdate(used.BeginUpdate());
   ASSERT_NE(used.OwnUpdateId(), -999);
@@ -798,7 +799,7 @@ TEST_F(BaseDataEventsTest, OwnUpdateIdIsMinus999BeforeAnyBeginUpdate) {
 TEST_F(BaseDataEventsTest, DeliverOwnUpdatesFlagLetsOwnWritesThrough) {
   RecordingReceiver events;
   CBaseData record;
-  record.Initialize(&events, object_.get());
+  record.Initialize(&events, BindingOf(object_.get()));
   record.SetDeliverOwnUpdates(1);
   const int32_t update_id = Write(record, L"SendQty", Variant::I4(5));
   TsmWaitEventsDelivered();
@@ -811,8 +812,8 @@ TEST_F(BaseDataEventsTest, DeliverOwnUpdatesFlagLetsOwnWritesThrough) {
 TEST_F(BaseDataEventsTest, UpdatesArriveInTheOrderTheyWereClosedWithTheirFieldNames) {
   RecordingReceiver events;
   CBaseData listened, writer;
-  listened.Initialize(&events, object_.get());
-  writer.Initialize(nullptr, object_.get());
+  listened.Initialize(&events, BindingOf(object_.get()));
+  writer.Initialize(nullptr, BindingOf(object_.get()));
   std::vector<int32_t> ids;
   for (int i = 0; i < 50; ++i) {
     const int32_t update_id = writer.BeginUpdate();
@@ -833,10 +834,10 @@ TEST_F(BaseDataEventsTest, UpdatesArriveInTheOrderTheyWereClosedWithTheirFieldNa
 TEST_F(BaseDataEventsTest, RecordWithoutReceiverHearsNothing) {
   RecordingReceiver events;
   CBaseData deaf, writer;
-  deaf.Initialize(nullptr, object_.get());
-  writer.Initialize(nullptr, object_.get());
+  deaf.Initialize(nullptr, BindingOf(object_.get()));
+  writer.Initialize(nullptr, BindingOf(object_.get()));
   // A receiver stored after binding does not connect the record.
-  deaf.Initialize(&events, object_.get());
+  deaf.Initialize(&events, BindingOf(object_.get()));
   Write(writer, L"ExecType", Variant::Text(L"0"));
   TsmRaiseReplace(object_.get(), 3);
   TsmWaitEventsDelivered();
@@ -847,7 +848,7 @@ TEST_F(BaseDataEventsTest, RecordWithoutReceiverHearsNothing) {
 TEST_F(BaseDataEventsTest, ReplaceReachesTheReceiver) {
   RecordingReceiver events;
   CBaseData record;
-  record.Initialize(&events, object_.get());
+  record.Initialize(&events, BindingOf(object_.get()));
   TsmRaiseReplace(object_.get(), 7);
   TsmWaitEventsDelivered();
   const auto replaces = events.Replaces();
@@ -859,8 +860,8 @@ TEST_F(BaseDataEventsTest, ReplaceReachesTheReceiver) {
 TEST_F(BaseDataEventsTest, DisconnectStopsEventsButKeepsTheBinding) {
   RecordingReceiver events;
   CBaseData record, writer;
-  record.Initialize(&events, object_.get());
-  writer.Initialize(nullptr, object_.get());
+  record.Initialize(&events, BindingOf(object_.get()));
+  writer.Initialize(nullptr, BindingOf(object_.get()));
   record.Disconnect();
   Write(writer, L"ExecType", Variant::Text(L"4"));
   TsmRaiseReplace(object_.get(), 1);
@@ -876,10 +877,10 @@ TEST_F(BaseDataEventsTest, DisconnectStopsEventsButKeepsTheBinding) {
 TEST_F(BaseDataEventsTest, DestroyedRecordLetsGoOfItsConnection) {
   RecordingReceiver events;
   auto* record = new CBaseData();
-  record->Initialize(&events, object_.get());
+  record->Initialize(&events, BindingOf(object_.get()));
   delete record;
   CBaseData writer;
-  writer.Initialize(nullptr, object_.get());
+  writer.Initialize(nullptr, BindingOf(object_.get()));
   Write(writer, L"ExecType", Variant::Text(L"2"));
   TsmWaitEventsDelivered();
   EXPECT_TRUE(events.Updates().empty());
@@ -919,7 +920,7 @@ class BackgroundWriter {
  private:
   void Run(IBaseData* object) {
     CBaseData writer;
-    writer.Initialize(nullptr, object);
+    writer.Initialize(nullptr, BindingOf(object));
     for (int i = 0; i < 20000 && !stop_.load(); ++i) Write(writer, L"CumQty", Variant::I4(i));
   }
 
@@ -935,7 +936,7 @@ TEST(BaseDataConcurrencyTest, NoReceiverCallStartsAfterDisconnectReturns) {
     ObjectPtr object = NewObject();
     GuardedReceiver receiver(&late_calls);
     CBaseData listened;
-    listened.Initialize(&receiver, object.get());
+    listened.Initialize(&receiver, BindingOf(object.get()));
     BackgroundWriter writer(object.get());
     while (receiver.Calls() == 0) std::this_thread::yield();
     listened.Disconnect();
@@ -952,7 +953,7 @@ TEST(BaseDataConcurrencyTest, NoReceiverCallStartsAfterTheRecordIsDestroyed) {
     ObjectPtr object = NewObject();
     auto* receiver = new GuardedReceiver(&late_calls);
     auto* listened = new CBaseData();
-    listened->Initialize(receiver, object.get());
+    listened->Initialize(receiver, BindingOf(object.get()));
     BackgroundWriter writer(object.get());
     while (receiver->Calls() == 0) std::this_thread::yield();
     delete listened;
@@ -974,7 +975,7 @@ TEST(BaseDataConcurrencyTest, ReceiverMayReadItsRecordWhileOthersWrite) {
     std::atomic<int32_t> last{-1};
   } receiver;
   CBaseData listened;
-  listened.Initialize(&receiver, object.get());
+  listened.Initialize(&receiver, BindingOf(object.get()));
   {
     BackgroundWriter first(object.get());
     BackgroundWriter second(object.get());

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "testing/manager_fixture.h"
+#include "testing/component_binding.h"
 
 namespace tsm {
 namespace {
@@ -44,7 +45,7 @@ class SliceCancelTest : public ManagerTest {
   // A registry-owned record on a new host object.
   CBaseData* Tracked(const std::wstring& name, const sim::FieldList& fields) {
     auto* record = new TrackedRecord(&clock_, deleted_, name);
-    record->Initialize(nullptr, Record(name, fields));
+    record->Initialize(nullptr, BindingOf(Record(name, fields)));
     return record;
   }
   bool Deleted(const std::wstring& name) {

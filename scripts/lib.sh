@@ -7,7 +7,7 @@ BUILD_ROOT=${BUILD_ROOT:-build}
 ensure_packages() {
   local want_windows=${1:-0}
   local pkgs=(cmake ninja-build g++ pkgconf rapidjson-dev googletest libgtest-dev libgmock-dev libbenchmark-dev)
-  [ "$want_windows" = 1 ] && pkgs+=(mingw-w64 wine wine64)
+  [ "$want_windows" = 1 ] && pkgs+=(mingw-w64 mingw-w64-tools wine wine64 libwine-dev)
   local missing=()
   for p in "${pkgs[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

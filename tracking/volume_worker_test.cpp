@@ -21,6 +21,7 @@
 
 #include "testing/manager_fixture.h"
 #include "testing/read_counting_object.h"
+#include "testing/component_binding.h"
 
 namespace tsm {
 namespace {
@@ -65,7 +66,7 @@ class VolumeWorkerTest : public ManagerTest {
     *counting = new ReadCountingObject(host_.Topic(symbol), kKindFieldById);
     counting_.push_back(*counting);
     auto* quote = new CBaseData(&clock_);
-    quote->Initialize(manager_, *counting);
+    quote->Initialize(manager_, BindingOf(*counting));
     return Watch(symbol, quote);
   }
   VolumeWatchEntry* Watch(const std::wstring& symbol, CBaseData* quote) {
