@@ -33,9 +33,15 @@ class Matcher {
       case L'\0':
         ok = pos == text_.size();
         break;
-      case L's':
-        for (std::size_t end = pos; end <= text_.size() && !ok; ++end) ok = Match(i + 1, end);
+      case L's': {
+        // Only where the next literal begins can the text end.
+        const std::wstring_view next = steps_[i + 1].literal;
+        for (std::size_t end = text_.find(next, pos); end != std::wstring_view::npos && !ok;
+             end = text_.find(next, end + 1)) {
+          ok = Match(i + 1, end);
+        }
         break;
+      }
       case L'd': {
         std::size_t at = pos;
         if (at < text_.size() && text_[at] == L'-') ++at;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "fuzz/command_shape.h"
@@ -46,7 +47,10 @@ Variant FieldValue(FuzzInput& in, const std::wstring& field) {
   switch (in.Byte() % 6) {
     case 0:
       if (field == L"ExecType") return Variant::I4(ExecTypeValue(in));
-      return Variant::I4(static_cast<int32_t>(in.Byte()) * (in.Bool() ? 100 : 1));
+    {
+      const int32_t small = in.Byte();
+      return Variant::I4(in.Bool() ? small * 100 : small);
+    }
     case 1: return Variant::I4(in.I32());
     case 2: return Variant::I8(in.I64());
     case 3: return Variant();
@@ -88,7 +92,7 @@ class Session {
         L"entry", {{L"QX.S.TW.2330", Variant::Text(L"{\"OpenCloseTime\":\"09:00~11:30;13:00~15:00\"}")}}));
     TsmSetChild(host_.Topic(L"Security.Info"), L"QX.S.TW", entry);
     host_.on_send = [this](const std::wstring& topic, int32_t, int32_t, const std::wstring& text, Variant*, Variant*) {
-      if (topic == L"TRADE.NEWORDER" && !IsNewOrderCommand(text)) Broken("a TRADE.NEWORDER that is no command");
+      if (topic == L"TRADE.NEWORDER") CheckCommand(text);
     };
     manager_->AddRef();
     manager_->Advise(&host_, &sink_);
@@ -131,6 +135,19 @@ class Session {
   void Broken(const std::string& what) {
     std::lock_guard<std::mutex> guard(lock_);
     if (broken_.empty()) broken_ = what;
+  }
+
+  // A parent may send the same command thousands of times; each text is
+  // matched once.
+  void CheckCommand(const std::wstring& text) {
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      if (commands_seen_.count(text) != 0) return;
+    }
+    const bool ok = IsNewOrderCommand(text);
+    std::lock_guard<std::mutex> guard(lock_);
+    commands_seen_.insert(text);
+    if (!ok && broken_.empty()) broken_ = "a TRADE.NEWORDER that is no command";
   }
 
   void Check(HResult hr, const std::string& call) {
@@ -211,7 +228,7 @@ class Session {
     Unlock();
     static constexpr int64_t kSteps[] = {1, 10, 50, 100, 1000, 10000, 20000, 60000};
     const uint8_t b = in.Byte();
-    clock_.Advance(b < 240 ? kSteps[b % 8] : static_cast<int64_t>(in.U32() % 3600000));
+    clock_.Advance(b < 240 ? kSteps[b % 8] : static_cast<int64_t>(in.U32() % 600000));
   }
 
   void OrderSetChild(FuzzInput& in) {
@@ -232,8 +249,9 @@ class Session {
   std::vector<IBaseData*> records_;  // references this session holds
   std::vector<IBaseData*> orders_;
   std::vector<uint32_t> cookies_;
-  std::mutex lock_;  // guards broken_ (requests arrive on the manager's threads)
+  std::mutex lock_;  // guards the two below (requests arrive on the manager's threads)
   std::string broken_;
+  std::unordered_set<std::wstring> commands_seen_;
 };
 
 }  // namespace
