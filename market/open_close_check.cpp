@@ -39,7 +39,7 @@ CString CheckLine(bool inside, int32_t now, int32_t next_open, int32_t open, int
   return CString(std::move(line));
 }
 
-// A session bound (HHMM) as HHMMSS. A bound of more digits than a time has
+// A session bound (HHMM) as HHMMSS. A bound with more digits than a time
 // wraps in 32 bits, as the platform's arithmetic does, instead of
 // overflowing a signed product.
 int32_t AsHhmmss(int32_t hhmm) { return static_cast<int32_t>(static_cast<uint32_t>(hhmm) * 100u); }
