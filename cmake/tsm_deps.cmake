@@ -44,6 +44,13 @@ endif()
 if(TSM_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=address,undefined)
+  if(TSM_FUZZ)
+    # Coverage for the fuzzer everywhere; its main only in the fuzz programs.
+    add_compile_options(-fsanitize=fuzzer-no-link)
+    # clang's C++20 warning on RapidJSON's iterator comparisons.
+    add_compile_options(-Wno-ambiguous-reversed-operator)
+    add_compile_options(-fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/fuzz/ubsan_ignore.txt)
+  endif()
 elseif(TSM_SANITIZE STREQUAL "thread")
   add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
   add_link_options(-fsanitize=thread)

@@ -382,10 +382,37 @@ CBaseData* CBaseData::FromCookie(uint32_t cookie, CBaseDataEventReceiver* receiv
   return record;
 }
 
+bool JsonNestedDeeperThan(std::u16string_view text, int depth) {
+  int open = 0;
+  bool in_string = false, escaped = false;
+  for (const char16_t c : text) {
+    if (c == u'\0') break;  // the parser reads no further
+    if (in_string) {
+      if (escaped) {
+        escaped = false;
+      } else if (c == u'\\') {
+        escaped = true;
+      } else if (c == u'"') {
+        in_string = false;
+      }
+    } else if (c == u'"') {
+      in_string = true;
+    } else if (c == u'[' || c == u'{') {
+      if (++open > depth) return true;
+    } else if (c == u']' || c == u'}') {
+      --open;
+    }
+  }
+  return false;
+}
+
 CString CBaseData::GetJsonString(const CString& field, const CString& member) {
   Variant value = GetValue(field);
   if (!value.ChangeTypeToText() || value.type() != VarType::BStr) return CString();
   const std::u16string text = Utf16FromWide(value.text());
+  // The parser recurses once per level: a text nested without end would
+  // overflow the thread's stack. Such a text is one that is not read.
+  if (JsonNestedDeeperThan(text, kJsonMaxDepth)) return CString();
   rapidjson::MemoryPoolAllocator<> allocator(kJsonChunkBytes);
   JsonDocument document(&allocator, kJsonStackBytes);
   document.Parse(text.c_str());

@@ -106,6 +106,8 @@ class CBaseData {
   static CBaseData* FromCookie(uint32_t cookie, CBaseDataEventReceiver* receiver, IClock* clock = nullptr);
   // One string member of the JSON text held in `field` (UTF-16 document);
   // empty unless the field is text, parses, and the member is a JSON string.
+  // A text that opens more than kJsonMaxDepth arrays and objects at once is
+  // not parsed (empty text).
   CString GetJsonString(const CString& field, const CString& member);
   // Stops the events: clears the receiver and disconnects. Reads and writes
   // still work.
@@ -139,5 +141,12 @@ class CBaseData {
   CString name_;                 // cache of GetName
   std::shared_ptr<Shared> shared_;  // lock, receiver and filter, shared with the event sink
 };
+
+// How deep GetJsonString follows nested arrays and objects.
+inline constexpr int kJsonMaxDepth = 512;
+
+// Whether `text` opens more than `depth` arrays and objects at once, up to its
+// first NUL (brackets inside strings do not count).
+bool JsonNestedDeeperThan(std::u16string_view text, int depth);
 
 }  // namespace tsm

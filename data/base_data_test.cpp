@@ -436,6 +436,22 @@ TEST_F(BaseDataJsonTest, GetJsonStringKeepsNonAsciiText) {
   EXPECT_EQ(record_.GetJsonString(L"Security", L"Esc").wstr(), L"\u4E0A\U0001F600");
 }
 
+// A member read through 512 levels of arrays and objects; one level more and
+// the text is not read (the parser would recurse once per level).
+TEST_F(BaseDataJsonTest, GetJsonStringReadsNothingNestedDeeperThanTheLimit) {
+  auto nested = [](int depth) {
+    std::wstring text = L"{\"Open\":\"09:30\",\"Deep\":";
+    const std::size_t inner = static_cast<std::size_t>(depth - 1);  // the root object is one level
+    return text + std::wstring(inner, L'[') + std::wstring(inner, L']') + L"}";
+  };
+  Store(L"AtLimit", Variant::Text(nested(kJsonMaxDepth)));
+  Store(L"PastLimit", Variant::Text(nested(kJsonMaxDepth + 1)));
+  Store(L"BracketsInText", Variant::Text(L"{\"Open\":\"" + std::wstring(1000, L'[') + L"\"}"));
+  EXPECT_EQ(record_.GetJsonString(L"AtLimit", L"Open"), L"09:30");
+  EXPECT_TRUE(record_.GetJsonString(L"PastLimit", L"Open").IsEmpty());
+  EXPECT_EQ(record_.GetJsonString(L"BracketsInText", L"Open").wstr(), std::wstring(1000, L'['));
+}
+
 // --- Children ---
 
 class BaseDataChildrenTest : public ::testing::Test {

@@ -39,6 +39,11 @@ CString CheckLine(bool inside, int32_t now, int32_t next_open, int32_t open, int
   return CString(std::move(line));
 }
 
+// A session bound (HHMM) as HHMMSS. A bound with more digits than a time
+// wraps in 32 bits, as the platform's arithmetic does, instead of
+// overflowing a signed product.
+int32_t AsHhmmss(int32_t hhmm) { return static_cast<int32_t>(static_cast<uint32_t>(hhmm) * 100u); }
+
 }  // namespace
 
 int32_t CTradeSliceManager::CheckOpenCloseTime(CBaseData* order, const CString& symbol_id) {
@@ -60,8 +65,8 @@ int32_t CTradeSliceManager::CheckOpenCloseTime(CBaseData* order, const CString& 
   int32_t next_open = 0;
   int32_t o = 0, c = 0;
   for (const stcOCTime& session : table) {
-    o = session.nOpenTime * 100;
-    c = session.nCloseTime * 100;
+    o = AsHhmmss(session.nOpenTime);
+    c = AsHhmmss(session.nCloseTime);
     if (o < c) {
       if (o > now) {
         if (next_open == 0) {
@@ -87,7 +92,7 @@ int32_t CTradeSliceManager::CheckOpenCloseTime(CBaseData* order, const CString& 
       next_open = o;
     }
   }
-  if (next_open == 0) next_open = table.front().nOpenTime * 100;
+  if (next_open == 0) next_open = AsHhmmss(table.front().nOpenTime);
   Log(CheckLine(inside, now, next_open, o, c));
   if (inside) return 1;
 

@@ -5,9 +5,10 @@ JOBS=${JOBS:-$(nproc)}
 BUILD_ROOT=${BUILD_ROOT:-build}
 
 ensure_packages() {
-  local want_windows=${1:-0}
+  local want_windows=${1:-0} want_fuzz=${2:-0}
   local pkgs=(cmake ninja-build g++ pkgconf rapidjson-dev googletest libgtest-dev libgmock-dev libbenchmark-dev)
   [ "$want_windows" = 1 ] && pkgs+=(mingw-w64 mingw-w64-tools wine wine64 libwine-dev)
+  [ "$want_fuzz" = 1 ] && pkgs+=(clang-14 libfuzzer-14-dev)
   local missing=()
   for p in "${pkgs[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
@@ -37,6 +38,9 @@ cmake_args_for() {
     release) echo "-DCMAKE_BUILD_TYPE=Release -DTSM_BENCHMARKS=ON" ;;
     asan) echo "-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTSM_SANITIZE=address" ;;
     tsan) echo "-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTSM_SANITIZE=thread" ;;
+    # libFuzzer targets under ASan+UBSan; its tests run each target from its corpus.
+    fuzz) echo "-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14" \
+            "-DTSM_SANITIZE=address -DTSM_FUZZ=ON" ;;
     # TSM_WINDOWS_BENCHMARKS=1 also builds the benchmarks (testing/benchmark_lite).
     windows) echo "-DCMAKE_BUILD_TYPE=Release -DCMAKE_TOOLCHAIN_FILE=$PWD/cmake/mingw-w64-x86_64.cmake" \
                "-DTSM_BENCHMARKS=$([ "${TSM_WINDOWS_BENCHMARKS:-0}" = 1 ] && echo ON || echo OFF)" ;;
@@ -69,16 +73,18 @@ stop_wine() {
 run_ctest() {
   local config=$1 dir=$BUILD_ROOT/$1 log
   log=$(mktemp)
-  local env_prefix=()
+  local env_prefix=() ctest_args=()
   case "$config" in
-    asan) export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-          export LSAN_OPTIONS=suppressions=$PWD/scripts/lsan.supp ;;
+    asan|fuzz) export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+          export LSAN_OPTIONS=suppressions=$PWD/scripts/lsan.supp
+          # The fuzz configuration runs its fuzz targets and their regression test only.
+          [ "$config" = fuzz ] && ctest_args=(-L fuzz) ;;
     tsan) export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/scripts/tsan.supp"
           # ThreadSanitizer needs the classic address layout on kernels with high mmap entropy.
           env_prefix=(setarch "$(uname -m)" -R) ;;
     windows) start_wine ;;
   esac
-  (cd "$dir" && "${env_prefix[@]}" ctest --output-on-failure -j "$JOBS" --timeout 600) >"$log" 2>&1
+  (cd "$dir" && "${env_prefix[@]}" ctest --output-on-failure -j "$JOBS" --timeout 600 "${ctest_args[@]}") >"$log" 2>&1
   [ "$config" = windows ] && stop_wine
   grep -E 'tests passed|Failed|\*\*\*|Timeout|Exception' "$log" | grep -v '^ *[0-9]*/[0-9]* Test.*Passed' | tail -40
   CTEST_PASSED=$(grep -cE '^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed' "$log")

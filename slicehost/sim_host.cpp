@@ -124,7 +124,9 @@ HResult SimHost::SendTopic(const std::wstring& topic, int32_t param1, int32_t pa
         answer = vault_answer_;
       }
       auto* document = reinterpret_cast<rapidjson::Document*>(static_cast<intptr_t>(data->i8()));
-      if (document != nullptr && !json.empty()) document->Parse(json.c_str());
+      // Iterative, so that any text the scenario or a fuzzer gives parses
+      // without deep recursion.
+      if (document != nullptr && !json.empty()) document->Parse<rapidjson::kParseIterativeFlag>(json.c_str());
       if (result != nullptr) *result = Variant::Text(answer);
     }
   }

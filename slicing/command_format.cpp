@@ -108,6 +108,10 @@ CString FormatCommand(CommandTemplate which, const CommandFields& f) {
       f.spread_id);
 }
 
+const wchar_t* CommandTemplateText(CommandTemplate which) {
+  return which == CommandTemplate::kA ? kTemplateA : kTemplateB;
+}
+
 CString NormaliseExtCommands(const CString& ext_commands, int32_t fit_ord_freq, int32_t flow_control) {
   CString result;
   int pos = 0;

@@ -46,6 +46,9 @@ CommandFields GatherCommandFields(CBaseData& parent);
 
 CString FormatCommand(CommandTemplate which, const CommandFields& fields);
 
+// The format text of a template, as FormatCommand fills it.
+const wchar_t* CommandTemplateText(CommandTemplate which);
+
 // Cleans a ";"-separated list of key=value items: items without "=" and
 // "CancelCloseWorking" items (any case) are dropped, keys and values trimmed;
 // then "FitOrderFreq=1;" and "FlowControl=1;" are put in front when their
