@@ -5,7 +5,7 @@
 #pragma once
 
 #include "data/dispatch_driver.h"
-#include "tradeslice/base_data_binding.h"
+#include "basedata/base_data_binding.h"
 
 namespace tsm {
 

@@ -1,7 +1,7 @@
 // The process's interface table and the binding of objects to records where
 // there is no COM: the component's own table, and the objects themselves.
 #include "basedata/interface_table.h"
-#include "tradeslice/base_data_binding.h"
+#include "basedata/base_data_binding.h"
 
 namespace tsm {
 

@@ -6,7 +6,7 @@
 
 #include "basedata/win/com_base_data.h"
 #include "platform/win/com_win.h"
-#include "tradeslice/base_data_binding.h"
+#include "basedata/base_data_binding.h"
 
 namespace tsm {
 

@@ -8,7 +8,7 @@
 #include <benchmark/benchmark.h>
 
 #include "platform/win/com_win.h"
-#include "tradeslice/base_data_binding.h"
+#include "basedata/base_data_binding.h"
 
 namespace tsm {
 namespace {
