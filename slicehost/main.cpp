@@ -3,6 +3,7 @@
 //   slicehost demo   [--transcript FILE] [--report FILE.html] [--real-time] [--quiet] [--verbose]
 //   slicehost run SCENARIO.json [the same options] [--expect GOLDEN] [--write-golden NEW]
 //   slicehost bench  [--parents N] [--children N] [--kind iceberg|slice-all]
+//   (every command also takes --factory)
 //
 // Exit codes: 0 done (and the transcript matched its golden file), 1 the
 // transcript differs from the golden file or the run failed, 2 bad command
@@ -47,6 +48,7 @@ const char kUsage[] =
     "--real-time           the wall clock instead of the virtual one\n"
     "--quiet               no timeline and no summary\n"
     "--verbose             the timeline shows log lines and fetches too\n"
+    "--factory             the manager through the factory export instead of COM (Windows)\n"
     "--expect GOLDEN       compare the transcript with a golden file; exit 1 at the first difference\n"
     "--write-golden NEW    write a new golden transcript (refuses to replace one: goldens are reviewed)\n";
 
@@ -59,6 +61,7 @@ struct Options {
   std::string expect;
   std::string write_golden;
   bool real_time = false;
+  bool factory = false;
   bool quiet = false;
   bool verbose = false;
   int parents = 1000;
@@ -108,6 +111,8 @@ std::string ParseArgs(int argc, char** argv, Options* o) {
       if (!value(&o->write_golden)) return "--write-golden needs a file name";
     } else if (arg == "--real-time") {
       o->real_time = true;
+    } else if (arg == "--factory") {
+      o->factory = true;
     } else if (arg == "--quiet") {
       o->quiet = true;
     } else if (arg == "--verbose") {
@@ -136,8 +141,10 @@ int Bench(const Options& o) {
   options.parents = o.parents;
   options.children_per_parent = o.children;
   options.sliced_type = o.bench_kind;
+  if (o.factory) options.path = ManagerPath::Factory;
   const BenchResult r = RunBench(options);
   std::printf("kind:                         %s\n", SliceKindName(options.sliced_type).c_str());
+  std::printf("path:                         %s\n", options.path == ManagerPath::Com ? "COM" : "factory export");
   std::printf("parents:                      %d\n", r.parents);
   std::printf("children sent:                %lld\n", static_cast<long long>(r.children));
   std::printf("simulated time:               %s\n", FormatSimTime(r.simulated_ms).c_str());
@@ -205,6 +212,7 @@ int Play(const Options& o) {
 
   RunOptions options;
   options.real_time = o.real_time;
+  if (o.factory) options.path = ManagerPath::Factory;
   Timeline timeline(o.verbose);
   if (!o.quiet) {
     std::printf("%s\n\n", scenario.description.empty() ? scenario.name.c_str() : scenario.description.c_str());

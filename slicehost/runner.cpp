@@ -19,6 +19,7 @@
 #include "platform/clock.h"
 #include "platform/virtual_clock.h"
 #include "slicehost/host_loop.h"
+#include "slicehost/manager_link.h"
 #include "tradeslice/host_api.h"
 
 namespace tsm::sim {
@@ -277,7 +278,7 @@ class Play {
  public:
   // `settle`: wait for the manager's reactions after every host action (a
   // reproducible run); off for the benchmark.
-  Play(const Scenario& scenario, bool real_time, bool settle)
+  Play(const Scenario& scenario, bool real_time, bool settle, ManagerPath path)
       : scenario_(scenario),
         virtual_clock_(real_time ? nullptr : std::make_unique<VirtualClock>(scenario.start_utc_ms)),
         clock_(real_time ? RealClock() : static_cast<IClock&>(*virtual_clock_)),
@@ -309,11 +310,9 @@ class Play {
     time_diff_ = scenario.time_offset_s;
     SetUpRecords();
     SetUpExchange();
-    INordaManager* manager = nullptr;
-    if (TsmCreateTradeSliceManager(&clock_, &manager) != kS_OK || manager == nullptr) {
-      throw std::runtime_error("the component made no slice manager");
-    }
-    manager_ = manager;
+    std::string problem;
+    manager_ = CreateManager(&clock_, path, &problem);
+    if (manager_ == nullptr) throw std::runtime_error(problem);
     proxy_ = std::make_unique<RecordingManager>(host_, manager_);
     manager_->Advise(&host_, &sink_cookie_);
     exchange_.SetManager(proxy_.get());
@@ -865,7 +864,7 @@ RunResult RunScenario(const Scenario& scenario, const RunOptions& options) {
   result.description = scenario.description;
   result.duration_ms = scenario.duration_ms;
   {
-    Play play(scenario, options.real_time, true);
+    Play play(scenario, options.real_time, true, options.path);
     size_t flushed = 0;
     auto flush = [&] {
       std::vector<HostEvent> fresh = play.host().EventsFrom(flushed);
@@ -933,7 +932,7 @@ BenchResult RunBench(const BenchOptions& options) {
   }
   BenchResult result;
   result.parents = options.parents;
-  Play play(scenario, false, false);
+  Play play(scenario, false, false, options.path);
   // Nothing below reads the recorded calls.
   play.host().SetKeepEvents(false);
   play.Schedule(false);

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "slicehost/exchange.h"
+#include "slicehost/manager_link.h"
 #include "slicehost/scenario.h"
 #include "slicehost/sim_host.h"
 
@@ -32,6 +33,8 @@ namespace tsm::sim {
 
 struct RunOptions {
   bool real_time = false;
+  // Through COM where the system has it; the factory export by choice.
+  ManagerPath path = DefaultManagerPath();
   // Every event, in order, shortly after it happened (on the caller's thread).
   std::function<void(const HostEvent&)> on_event;
 };
@@ -84,6 +87,7 @@ struct BenchOptions {
   int parents = 1000;
   int children_per_parent = 20;
   int32_t sliced_type = 1;  // 1: iceberg (a child after each fill), 4: slice-all (all children at once)
+  ManagerPath path = DefaultManagerPath();
 };
 
 struct BenchResult {

@@ -9,6 +9,7 @@
 
 #include "module/win/com_trade_slice_manager.h"
 #include "module/win/module_state.h"
+#include "module/win/object_clock.h"
 #include "module/win/qx_trade_slice_manager.h"
 #include "module/win/registration.h"
 
@@ -31,7 +32,7 @@ class ClassFactory final : public IClassFactory {
   ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
   ULONG STDMETHODCALLTYPE Release() override { return --refs_; }
   HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** out) override {
-    return CreateTradeSliceManager(outer, iid, out);
+    return CreateTradeSliceManager(outer, iid, out, ClockForNewObjects());
   }
   HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override {
     if (lock) {
@@ -80,6 +81,8 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void** out) {
   if (clsid != CLSID_TradeSliceManager) return CLASS_E_CLASSNOTAVAILABLE;
   return tsm::module::g_factory.QueryInterface(iid, out);
 }
+
+void TsmSetClockForNewObjects(tsm::IClock* clock) { tsm::module::SetClockForNewObjects(clock); }
 
 STDAPI DllCanUnloadNow() { return tsm::module::CanUnloadNow(); }
 

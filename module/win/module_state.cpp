@@ -7,6 +7,7 @@ namespace tsm::module {
 namespace {
 std::atomic<long> g_objects{0};
 std::atomic<long> g_locks{0};
+std::atomic<IClock*> g_clock{nullptr};
 HMODULE g_module = nullptr;
 }  // namespace
 
@@ -15,6 +16,9 @@ void ObjectDestroyed() { --g_objects; }
 void ServerLock() { ++g_locks; }
 void ServerUnlock() { --g_locks; }
 HRESULT CanUnloadNow() { return g_objects.load() == 0 && g_locks.load() == 0 ? S_OK : S_FALSE; }
+
+void SetClockForNewObjects(IClock* clock) { g_clock = clock; }
+IClock* ClockForNewObjects() { return g_clock.load(); }
 
 void SetModuleHandle(HMODULE module) { g_module = module; }
 HMODULE ModuleHandle() { return g_module; }

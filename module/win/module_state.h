@@ -8,6 +8,8 @@
 
 #include <string>
 
+#include "tradeslice/clock.h"
+
 namespace tsm::module {
 
 void ObjectCreated();
@@ -16,6 +18,10 @@ void ServerLock();
 void ServerUnlock();
 // S_OK only with no object alive and no lock held; S_FALSE otherwise.
 HRESULT CanUnloadNow();
+
+// The clock new objects are made with (null: the wall clock).
+void SetClockForNewObjects(IClock* clock);
+IClock* ClockForNewObjects();
 
 void SetModuleHandle(HMODULE module);
 HMODULE ModuleHandle();
