@@ -63,16 +63,11 @@ HRESULT EnsureRegistered(CLSID* clsid) {
 
 // The host's events as an IDispatch sink: each Invoke is handed to the
 // simulator's INordaManagerEvents with the arguments taken out of
-// DISPPARAMS (last first), SendTopic's data by reference both ways. The sink
-// takes calls on any thread as they come, so it aggregates the free-threaded
-// marshaler: the manager's interface table then hands out the sink itself
-// instead of unmarshalling a proxy for every raise.
+// DISPPARAMS (last first), SendTopic's data by reference both ways. It takes
+// calls on any thread as they come.
 class EventSink final : public IDispatch {
  public:
-  explicit EventSink(INordaManagerEvents* host) : host_(host) {
-    host_->AddRef();
-    CoCreateFreeThreadedMarshaler(static_cast<IDispatch*>(this), marshaler_.Put());
-  }
+  explicit EventSink(INordaManagerEvents* host) : host_(host) { host_->AddRef(); }
   ~EventSink() { host_->Release(); }
   EventSink(const EventSink&) = delete;
   EventSink& operator=(const EventSink&) = delete;
@@ -80,7 +75,6 @@ class EventSink final : public IDispatch {
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
     if (out == nullptr) return E_POINTER;
     *out = nullptr;
-    if (iid == IID_IMarshal && marshaler_) return marshaler_->QueryInterface(iid, out);
     if (iid != IID_IUnknown && iid != IID_IDispatch && iid != DIID__INordaManagerEvents) return E_NOINTERFACE;
     AddRef();
     *out = static_cast<IDispatch*>(this);
@@ -163,7 +157,6 @@ class EventSink final : public IDispatch {
   }
 
   INordaManagerEvents* host_;
-  ComPtr<IUnknown> marshaler_;  // the free-threaded marshaler's inner unknown
   std::atomic<ULONG> refs_{1};
 };
 
