@@ -673,13 +673,10 @@ TEST(BaseDataCookieTest, GetCookieRegistersOnceAndDestructionRevokes) {
     cookie = record.GetCookie();
     ASSERT_NE(cookie, 0u);
     EXPECT_EQ(record.GetCookie(), cookie);
-    IBaseData* registered = nullptr;
-    ASSERT_EQ(TsmGetGlobalInterfaceTable()->GetInterfaceFromGlobal(cookie, &registered), kS_OK);
-    EXPECT_EQ(registered, object.get());
-    registered->Release();
+    EXPECT_EQ(OtherReferences(object.get()), 2u);
   }
   IBaseData* fetched = nullptr;
-  EXPECT_NE(TsmGetGlobalInterfaceTable()->GetInterfaceFromGlobal(cookie, &fetched), kS_OK);
+  EXPECT_EQ(TsmGetGlobalInterfaceTable()->GetInterfaceFromGlobal(cookie, &fetched), kE_INVALIDARG);
   EXPECT_EQ(fetched, nullptr);
   EXPECT_EQ(OtherReferences(object.get()), 0u);
 }

@@ -134,10 +134,18 @@ class ComBaseData final : public IQXBaseData,
     AddRef();
     return S_OK;
   }
-  ULONG STDMETHODCALLTYPE AddRef() override { return refs_.fetch_add(1) + 1; }
+  // Every reference on this automation object is also one on the object
+  // behind it, so that the component's objects live as long, and are
+  // counted alike, whether they are held as automation objects or not.
+  ULONG STDMETHODCALLTYPE AddRef() override {
+    native_->AddRef();
+    return refs_.fetch_add(1) + 1;
+  }
   ULONG STDMETHODCALLTYPE Release() override {
+    IBaseData* const native = native_;
     const ULONG left = refs_.fetch_sub(1) - 1;
     if (left == 0) delete this;
+    native->Release();
     return left;
   }
 
@@ -261,10 +269,7 @@ class ComBaseData final : public IQXBaseData,
   IBaseData* STDMETHODCALLTYPE Native() override { return native_; }
 
  private:
-  ~ComBaseData() {
-    native_->Release();
-    ModuleUnlock();
-  }
+  ~ComBaseData() { ModuleUnlock(); }
 
   template <class Call>
   static HRESULT Guarded(Call call) {
@@ -279,7 +284,7 @@ class ComBaseData final : public IQXBaseData,
   }
 
   std::atomic<ULONG> refs_{1};
-  IBaseData* const native_;  // a reference of its own
+  IBaseData* const native_;  // one reference for each of this object's own
   ComPtr<IUnknown> marshaler_;
 };
 
@@ -312,6 +317,11 @@ void EnsureProcessApartment() {
   std::call_once(once, [] {
     CO_MTA_USAGE_COOKIE cookie = nullptr;
     CoIncrementMTAUsage(&cookie);
+    // The event thread, once started, runs this DLL's code until the process
+    // ends: from the first automation object on, the DLL is never unloaded.
+    HMODULE pinned = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                       reinterpret_cast<LPCWSTR>(&EnsureProcessApartment), &pinned);
   });
 }
 

@@ -31,7 +31,7 @@ IBaseData* NativeOf(IUnknown* object);
 
 // Keeps the multithreaded apartment of the process alive from the first
 // call on, so that threads that entered no apartment (the component's event
-// thread among them) use it implicitly.
+// thread among them) use it implicitly; pins this DLL in the process.
 void EnsureProcessApartment();
 
 // Automation objects and class-object locks alive (DllCanUnloadNow).
