@@ -190,5 +190,6 @@ void BM_EventRaiseThroughTableAndInvoke(benchmark::State& state) {
 }
 BENCHMARK(BM_EventRaiseThroughTableAndInvoke)->Arg(0)->Arg(1);
 
+
 }  // namespace
 }  // namespace tsm::module

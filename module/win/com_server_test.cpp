@@ -305,6 +305,26 @@ TEST(ComServerTest, SetTopicThroughIDispatchLogsThroughWriteLogOnly) {
   EXPECT_EQ(calls[0].args, (std::vector<std::wstring>{L"<CTradeSliceManager>SetTopic:TRADE.SLICE.ORDER, 7"}));
 }
 
+TEST(ComServerTest, IDispatchDescribesINordaManagerFromTheHostTypeLibrary) {
+  ServerDll dll;
+  ComPtr<IDispatch> manager;
+  ASSERT_EQ(dll.Factory()->CreateInstance(nullptr, IID_IDispatch, manager.PutVoid()), S_OK);
+  UINT count = 0;
+  ASSERT_EQ(manager->GetTypeInfoCount(&count), S_OK);
+  EXPECT_EQ(count, 1u);
+  ComPtr<ITypeInfo> info;
+  ASSERT_EQ(manager->GetTypeInfo(0, LOCALE_USER_DEFAULT, info.Put()), S_OK);
+  TYPEATTR* attributes = nullptr;
+  ASSERT_EQ(info->GetTypeAttr(&attributes), S_OK);
+  EXPECT_TRUE(attributes->guid == IID_INordaManager);
+  info->ReleaseTypeAttr(attributes);
+  DISPID ids[2] = {};
+  LPOLESTR names[] = {const_cast<LPOLESTR>(L"SetStage"), const_cast<LPOLESTR>(L"SetTopic")};
+  EXPECT_EQ(manager->GetIDsOfNames(IID_NULL, &names[0], 1, LOCALE_USER_DEFAULT, &ids[0]), S_OK);
+  EXPECT_EQ(manager->GetIDsOfNames(IID_NULL, &names[1], 1, LOCALE_USER_DEFAULT, &ids[1]), S_OK);
+  EXPECT_NE(ids[0], ids[1]);
+}
+
 TEST(ComServerTest, TheContainerHasExactlyTheTwoEventPoints) {
   ServerDll dll;
   ComPtr<IConnectionPointContainer> container;
@@ -352,6 +372,19 @@ TEST_F(BridgeTest, SendTopicPassesArgumentsInOrderAndDataByReferenceAndHandsBack
   EXPECT_EQ(calls[0].args, (std::vector<std::wstring>{L"TRADE.NEWORDER", L"i4:1", L"i4:2", L"SIDE=1", L"i4:7"}));
   EXPECT_EQ(data, Variant::I4(42));
   EXPECT_EQ(result, Variant::Text(L"sent"));
+}
+
+TEST_F(BridgeTest, EverySinkIsCalledInTurnAndTheLastOnesResultIsHandedBack) {
+  RecordingSink second;
+  DWORD cookie = 0;
+  ASSERT_EQ(point_.Advise(&second, &cookie), S_OK);
+  Variant result;
+  EXPECT_EQ(bridge_.RegisterTopic(L"TRADE.HOT.MONTH", &result), S_OK);
+  EXPECT_EQ(result, Variant::I4(1));
+  ASSERT_EQ(sink_.Calls().size(), 1u);
+  ASSERT_EQ(second.Calls().size(), 1u);
+  EXPECT_EQ(second.Calls()[0].args, (std::vector<std::wstring>{L"TRADE.HOT.MONTH"}));
+  point_.Unadvise(cookie);
 }
 
 TEST_F(BridgeTest, GetTopicDataAndRegisterTopicHandBackTheSinksResult) {
