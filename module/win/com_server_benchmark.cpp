@@ -190,6 +190,5 @@ void BM_EventRaiseThroughTableAndInvoke(benchmark::State& state) {
 }
 BENCHMARK(BM_EventRaiseThroughTableAndInvoke)->Arg(0)->Arg(1);
 
-
 }  // namespace
 }  // namespace tsm::module
