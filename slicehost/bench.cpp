@@ -57,7 +57,7 @@ BenchResult RunBench(const BenchOptions& options) {
   ledger.SetEnabled(true);
   ledger.Note(ThreadClass::kDriver);
   RunOnEventThread([] { ThreadCpuLedger::Instance().Note(ThreadClass::kEvent); });
-  Player play(scenario, false, false);
+  Player play(scenario, false, false, options.path);
   // Nothing below reads the recorded calls.
   play.host().SetKeepEvents(false);
   play.Schedule(false);

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 
+#include "slicehost/manager_link.h"
 #include "slicehost/thread_cpu_ledger.h"
 
 namespace tsm::sim {
@@ -24,6 +25,7 @@ struct BenchOptions {
   // disclosed size of 100 (the final portion is the last of them).
   int children_per_parent = 20;
   int32_t sliced_type = 1;  // 1: iceberg (a child after each fill), 4: slice-all (all children at once)
+  ManagerPath path = DefaultManagerPath();
   // Called about once a second once the run has taken 2 s: children sent so
   // far, children the run will send, seconds so far.
   std::function<void(int64_t, int64_t, double)> progress;

@@ -17,7 +17,7 @@ const char kGeneralHelp[] =
     "  slicehost demo  [--transcript FILE] [--report FILE.html] [--real-time] [--quiet | --summary-only] [--verbose]\n"
     "  slicehost run   SCENARIO.json [the same options] [--expect GOLDEN.jsonl] [--write-golden NEW.jsonl]\n"
     "  slicehost check SCENARIO.json\n"
-    "  slicehost bench [--parents N] [--children N] [--kind iceberg|slice-all] [--profile]\n"
+    "  slicehost bench [--parents N] [--children N] [--kind iceberg|slice-all] [--profile] [--factory]\n"
     "  slicehost --version\n"
     "\n"
     "demo     plays the embedded demo scenario and prints its timeline and summary\n"
@@ -38,7 +38,8 @@ const char kPlayOptions[] =
     "  --real-time           the wall clock instead of the virtual one\n"
     "  --quiet               no timeline and no summary (warnings are still printed)\n"
     "  --summary-only        the summary without the timeline\n"
-    "  --verbose             the timeline shows log lines and fetches too\n";
+    "  --verbose             the timeline shows log lines and fetches too\n"
+    "  --factory             the manager through the factory export instead of COM (Windows)\n";
 
 const char kExitCodes[] =
     "\n"
@@ -88,6 +89,7 @@ const char kBenchHelp[] =
     "  --kind KIND           iceberg (a child after each fill; default) or slice-all (all children at once)\n"
     "  --profile             also a table of CPU time by thread class: threads, milliseconds, microseconds\n"
     "                        per child and share of all, and how busy the cores were\n"
+    "  --factory             the manager through the factory export instead of COM (Windows)\n"
     "\n"
     "A run makes at most 200000 orders (parents times orders per parent); larger shapes are refused.\n"
     "\n"
@@ -187,6 +189,8 @@ std::string ParseArgs(int argc, char** argv, Options* o) {
       o->summary_only = true;
     } else if (arg == "--verbose" && plays) {
       o->verbose = true;
+    } else if (arg == "--factory" && (plays || verb == "bench")) {
+      o->factory = true;
     } else if (arg == "--parents" && verb == "bench") {
       value(&number);
       const std::string problem = ParseCount(arg, number, 1, 1000000, &o->parents);

@@ -27,6 +27,7 @@ struct Options {
   bool quiet = false;
   bool summary_only = false;
   bool verbose = false;
+  bool factory = false;  // the manager through the factory export instead of COM (Windows)
   int parents = 1000;
   int children = 20;
   int32_t bench_kind = 1;

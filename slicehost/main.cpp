@@ -5,6 +5,7 @@
 //   slicehost check SCENARIO.json
 //   slicehost bench  [--parents N] [--children N] [--kind iceberg|slice-all] [--profile]
 //   slicehost --version; slicehost VERB --help
+//   (demo, run and bench also take --factory)
 //
 // Exit codes (command_line.h): 0 done (and the transcript matched its golden
 // file; check found nothing), 1 the transcript differs from the golden file,
@@ -72,12 +73,14 @@ int Bench(const Options& o) {
   options.parents = o.parents;
   options.children_per_parent = o.children;
   options.sliced_type = o.bench_kind;
+  if (o.factory) options.path = ManagerPath::Factory;
   options.progress = [](int64_t sent, int64_t expected, double seconds) {
     std::fprintf(stderr, "bench: %lld of %lld children sent after %.1f s\n", static_cast<long long>(sent),
                  static_cast<long long>(expected), seconds);
   };
   const BenchResult r = RunBench(options);
   std::printf("kind:                         %s\n", SliceKindName(options.sliced_type).c_str());
+  std::printf("path:                         %s\n", options.path == ManagerPath::Com ? "COM" : "factory export");
   std::printf("parents:                      %d\n", r.parents);
   std::printf("children sent:                %lld\n", static_cast<long long>(r.children));
   std::printf("simulated time:               %s\n", FormatSimTime(r.simulated_ms).c_str());
@@ -200,6 +203,7 @@ int Play(const Options& o) {
 
   RunOptions options;
   options.real_time = o.real_time;
+  if (o.factory) options.path = ManagerPath::Factory;
   Timeline timeline(o.verbose);
   const bool timeline_shown = !o.quiet && !o.summary_only;
   if (!o.quiet) {

@@ -99,7 +99,7 @@ class Player::Impl {
  public:
   // `settle`: wait for the manager's reactions after every host action (a
   // reproducible run); off for the benchmark.
-  Impl(const Scenario& scenario, bool real_time, bool settle)
+  Impl(const Scenario& scenario, bool real_time, bool settle, ManagerPath path)
       : scenario_(scenario),
         virtual_clock_(real_time ? nullptr : std::make_unique<VirtualClock>(scenario.start_utc_ms)),
         clock_(real_time ? RealClock() : static_cast<IClock&>(*virtual_clock_)),
@@ -131,11 +131,9 @@ class Player::Impl {
     time_diff_ = scenario.time_offset_s;
     SetUpRecords();
     SetUpExchange();
-    INordaManager* manager = nullptr;
-    if (TsmCreateTradeSliceManager(&clock_, &manager) != kS_OK || manager == nullptr) {
-      throw std::runtime_error("the component made no slice manager");
-    }
-    manager_ = manager;
+    std::string problem;
+    manager_ = CreateManager(&clock_, path, &problem);
+    if (manager_ == nullptr) throw std::runtime_error(problem);
     proxy_ = std::make_unique<RecordingManager>(host_, manager_);
     manager_->Advise(&host_, &sink_cookie_);
     exchange_.SetManager(proxy_.get());
@@ -423,8 +421,8 @@ class Player::Impl {
   std::function<void()> on_flush_;
 };
 
-Player::Player(const Scenario& scenario, bool real_time, bool settle)
-    : impl_(std::make_unique<Impl>(scenario, real_time, settle)) {}
+Player::Player(const Scenario& scenario, bool real_time, bool settle, ManagerPath path)
+    : impl_(std::make_unique<Impl>(scenario, real_time, settle, path)) {}
 Player::~Player() = default;
 void Player::Schedule(bool ticks) { impl_->Schedule(ticks); }
 void Player::AdvanceTo(int64_t t_ms) { impl_->AdvanceTo(t_ms); }
@@ -444,7 +442,7 @@ RunResult RunScenario(const Scenario& scenario, const RunOptions& options) {
   result.clock_origin_ms = scenario.start_utc_ms + int64_t{scenario.time_offset_s} * 1000;
   result.time_offset_s = scenario.time_offset_s;
   {
-    Player play(scenario, options.real_time, true);
+    Player play(scenario, options.real_time, true, options.path);
     size_t flushed = 0;
     auto flush = [&] {
       std::vector<HostEvent> fresh = play.host().EventsFrom(flushed);

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "slicehost/exchange.h"
+#include "slicehost/manager_link.h"
 #include "slicehost/recording_manager.h"
 #include "slicehost/run_result.h"
 #include "slicehost/scenario.h"
@@ -33,6 +34,8 @@ namespace tsm::sim {
 
 struct RunOptions {
   bool real_time = false;
+  // Through COM where the system has it; the factory export by choice.
+  ManagerPath path = DefaultManagerPath();
   // Every event, in order, shortly after it happened (on the caller's thread).
   std::function<void(const HostEvent&)> on_event;
 };
@@ -47,7 +50,7 @@ class Player {
  public:
   // `settle`: wait for the manager's reactions after every host action (a
   // reproducible run); off for the benchmark.
-  Player(const Scenario& scenario, bool real_time, bool settle);
+  Player(const Scenario& scenario, bool real_time, bool settle, ManagerPath path);
   ~Player();
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
