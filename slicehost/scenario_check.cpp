@@ -93,7 +93,7 @@ class Checker {
     for (const Step& step : scenario_.steps) played.push_back(&step);
     std::stable_sort(played.begin(), played.end(), [](const Step* a, const Step* b) { return a->at_ms < b->at_ms; });
     for (const Step* step : played) CheckStep(*step);
-    std::stable_sort(warnings_.begin(), warnings_.end(), [this](const Found& a, const Found& b) {
+    std::stable_sort(warnings_.begin(), warnings_.end(), [](const Found& a, const Found& b) {
       return a.file_order < b.file_order;
     });
     std::vector<ScenarioWarning> out;
@@ -139,8 +139,9 @@ class Checker {
 
   void CheckQuantities(const ScenarioFields& fields, const std::string& where) {
     for (const auto& [name, value] : fields) {
+      const auto& field_name = name;  // clang 14 cannot capture a structured binding
       const bool quantity = std::any_of(std::begin(kQuantityFields), std::end(kQuantityFields),
-                                        [&name](const wchar_t* q) { return name == q; });
+                                        [&field_name](const wchar_t* q) { return field_name == q; });
       const bool variance = name == L"Variance";
       if (!quantity && !variance) continue;
       const std::string field = where + "/" + Utf8FromWide(name);
