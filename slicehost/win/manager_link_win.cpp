@@ -12,6 +12,7 @@
 
 #include "module/win/object_clock.h"
 #include "platform/win/com_win.h"
+#include "platform/win/topic_arguments_win.h"
 #include "tradeslice/norda_host.h"
 
 namespace tsm::sim {
@@ -187,25 +188,10 @@ class ComManager final : public INordaManager {
 
   HResult SetTopic(const std::wstring& topic, int32_t param1, int32_t param2, const std::wstring& text,
                    Variant* data) override {
-    UniqueBstr topic_text(topic);
-    UniqueBstr text_text(text);
-    if (topic_text.get() == nullptr || text_text.get() == nullptr) return E_OUTOFMEMORY;
-    UniqueVariant data_value;
-    if (data != nullptr && FAILED(platform::ToVariant(*data, data_value.get()))) return E_OUTOFMEMORY;
-    VARIANT args[5];
-    args[4].vt = VT_BSTR;
-    args[4].bstrVal = topic_text.get();
-    args[3].vt = VT_I4;
-    args[3].lVal = param1;
-    args[2].vt = VT_I4;
-    args[2].lVal = param2;
-    args[1].vt = VT_BSTR;
-    args[1].bstrVal = text_text.get();
-    args[0].vt = VT_VARIANT | VT_BYREF;
-    args[0].pvarVal = data_value.get();
-    DISPPARAMS params{args, nullptr, 5, 0};
-    return object_->Invoke(set_topic_, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params, nullptr, nullptr,
-                           nullptr);
+    platform::TopicArguments arguments(topic, param1, param2, text, data);
+    if (!arguments.ok()) return E_OUTOFMEMORY;
+    return object_->Invoke(set_topic_, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, arguments.params(), nullptr,
+                           nullptr, nullptr);
   }
 
   HResult Advise(INordaManagerEvents* sink, uint32_t* cookie) override {
