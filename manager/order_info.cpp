@@ -16,7 +16,6 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
     Log(L"ParseOrderInfo:End");
     return;
   }
-  record->GetString(L"GroupID");
   const int32_t exec_type = record->GetLong(L"ExecType", INT32_MIN);
   const int32_t group_type = record->GetLong(L"GroupType", INT32_MIN);
   const int32_t sliced_type = record->GetLong(L"SlicedType", 0);
@@ -51,7 +50,6 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
     DropRecord(static_cast<CBaseData*>(earlier));
   }
   if (group_type == 2) {
-    record->GetString(L"GroupPrefix");
     ScopedLock<CMutex> guard(m_mutexOrder);
     CString parent_key;
     if (m_mapSliceIDToLevelKey.Lookup(slice_id, parent_key)) {
@@ -100,9 +98,10 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
     }
     if (!params.IsEmpty() && client_modify_new == 0 && new_chase == 0) {
       int pos = 0;
-      const int32_t type = WToL(params.Tokenize(L",", pos).wstr());
-      const int32_t interval = WToL(params.Tokenize(L",", pos).wstr());
-      const int32_t leftover_action = WToL(params.Tokenize(L",", pos).wstr());
+      const std::wstring_view text(params.wstr());
+      const int32_t type = WToL(TokenizeView(text, L",", pos));
+      const int32_t interval = WToL(TokenizeView(text, L",", pos));
+      const int32_t leftover_action = WToL(TokenizeView(text, L",", pos));
       if (type == 2) {
         ScopedLock<CMutex> guard(m_mutexTimer);
         if (!m_mapOrderToTimer.Contains(level_key)) {

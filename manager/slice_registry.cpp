@@ -11,11 +11,9 @@ void CTradeSliceManager::KeepSliceOrder(int32_t cookie, int32_t order_index) {
   const int32_t sliced_type = record->GetLong(L"SlicedType", INT32_MIN);
   const int32_t interval = record->GetLong(L"Interval", INT32_MIN);
   const int32_t leftover_action = record->GetLong(L"LeftoverAction", INT32_MIN);
-  record->GetLong(L"GroupType", INT32_MIN);
   const CString slice_id = record->GetString(L"SliceID");
   const CString level_key = record->GetString(L"LevelKey");
   const CString symbol = record->GetString(L"Symbol");
-  record->GetString(L"GroupID");
   LogFormat(L"KeepSliceOrder(1):%s,%ld,%ld,%ld, lOrdIndex=%ld", level_key, sliced_type, interval,
             leftover_action, order_index);
   if (sliced_type < 1) {

@@ -33,12 +33,15 @@
 #include "data/sync_map.h"
 #include "data/text.h"
 #include "manager/host_link.h"
+#include "manager/log_line.h"
 #include "manager/slice_children.h"
 #include "platform/sync.h"
 #include "tracking/timer.h"
 #include "tradeslice/host_api.h"
 
 namespace tsm {
+
+struct SliceReads;
 
 // One trading session of a security, times as HHMM.
 struct stcOCTime {
@@ -109,7 +112,7 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   template <typename... Args>
   void LogFormat(const wchar_t* format, const Args&... args) {
     const text_internal::FormatArg list[] = {text_internal::MakeArg(args)..., text_internal::FormatArg{}};
-    Fire_WriteLog(text_internal::FormatArgs(format, list, sizeof...(Args), kLogPrefix));
+    Fire_WriteLog(FormatLogLine(kLogPrefix, format, list, sizeof...(Args)));
   }
   CBaseData* GetTopicRecord(const CString& topic, CBaseDataEventReceiver* receiver);
   Variant SendTopic(const CString& topic, int32_t param1, int32_t param2, const CString& text, Variant* data);
@@ -121,7 +124,9 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   void CancelSliceOrder(int32_t cookie, const CString& level_key, int32_t cancel_all);
 
   // Slicing engine.
-  int32_t ComputeSliceQty(CBaseData* parent);
+  // With `reads`, the parent's "SecurityType" (and "Symbol" and "Side" when
+  // the lot is looked up) are left there for the command of the same slice.
+  int32_t ComputeSliceQty(CBaseData* parent, SliceReads* reads = nullptr);
   void DoSlicedWorkFirst(CBaseData* parent);
   void DoSlicedWork(CBaseData* parent, CBaseData* child, int32_t send_mode);
   void DoSlicedAll(CBaseData* parent);

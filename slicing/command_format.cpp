@@ -1,8 +1,12 @@
 #include "slicing/command_format.h"
 
 #include <climits>
+#include <utility>
+#include <string>
+#include <string_view>
 
 #include "data/base_data.h"
+#include "manager/log_line.h"
 
 namespace tsm {
 
@@ -31,15 +35,22 @@ constexpr const wchar_t* kTemplateB =
 
 }  // namespace
 
-CommandFields GatherCommandFields(CBaseData& r) {
-  CommandFields f;
-  f.type = r.GetString(L"SecurityType");
+CommandFields GatherCommandFields(CBaseData& parent) {
+  SliceReads reads;
+  GatherCommandFields(parent, reads);
+  return std::move(reads.fields);
+}
+
+void GatherCommandFields(CBaseData& r, SliceReads& reads) {
+  CommandFields& f = reads.fields;
+  const auto unread = [&reads](SliceReads::Field field) { return (reads.known & field) == 0; };
+  if (unread(SliceReads::kType)) f.type = r.GetString(L"SecurityType");
   f.broker_id = r.GetString(L"BrokerID");
   f.account = r.GetString(L"Account");
-  f.symbol = r.GetString(L"Symbol");
+  if (unread(SliceReads::kSymbol)) f.symbol = r.GetString(L"Symbol");
   f.symbol_a = r.GetString(L"SymbolA");
   f.symbol_b = r.GetString(L"SymbolB");
-  f.side = r.GetString(L"Side");
+  if (unread(SliceReads::kSide)) f.side = r.GetString(L"Side");
   f.side1 = r.GetString(L"Side1");
   f.side2 = r.GetString(L"Side2");
   f.price = r.GetInt64(L"Price", kUnset64);
@@ -58,15 +69,15 @@ CommandFields GatherCommandFields(CBaseData& r) {
   f.time_in_force = r.GetLong(L"OriTimeInForce", kUnset32);
   if (f.time_in_force < 1) f.time_in_force = r.GetLong(L"TimeInForce", kUnset32);
   f.synthetic = r.GetLong(L"Synthetic", kUnset32);
-  f.group_type = r.GetLong(L"GroupType", kUnset32);
-  f.group_id = r.GetString(L"GroupID");
+  if (unread(SliceReads::kGroupType)) f.group_type = r.GetLong(L"GroupType", kUnset32);
+  if (unread(SliceReads::kGroupId)) f.group_id = r.GetString(L"GroupID");
   f.chase_price = r.GetString(L"ChasePrice");
   f.spread = r.GetLong(L"SpreadType", kUnset32);
   f.strategy = r.GetString(L"Strategy");
   f.user_key1 = r.GetString(L"UserKey1");
   f.user_key2 = r.GetString(L"UserKey2");
   f.user_key3 = r.GetString(L"UserKey3");
-  f.sliced_id = r.GetString(L"SliceID");
+  if (unread(SliceReads::kSlicedId)) f.sliced_id = r.GetString(L"SliceID");
   f.sliced_price_field = r.GetLong(L"SlicedPriceField", 0);
   f.sliced_ticks = r.GetLong(L"SlicedTicks", 0);
   f.ext_commands =
@@ -78,34 +89,103 @@ CommandFields GatherCommandFields(CBaseData& r) {
   }
   f.contingent_symbol = r.GetString(L"ContingentSymbol");
   f.group_prefix = r.GetString(L"GroupPrefix");
-  f.ori_level_key = r.GetString(L"OriLevelKey");
-  if (f.ori_level_key.IsEmpty()) f.ori_level_key = r.GetString(L"LevelKey");
+  if (unread(SliceReads::kOriLevelKey)) {
+    f.ori_level_key = r.GetString(L"OriLevelKey");
+    if (f.ori_level_key.IsEmpty()) f.ori_level_key = r.GetString(L"LevelKey");
+  }
   f.spread_id = r.GetString(L"SpreadID");
-  return f;
+  reads.known = ~0u;
 }
 
-CString FormatCommand(CommandTemplate which, const CommandFields& f) {
-  // Read once for the process: every child's command is made from them.
-  static const PreparedFormat template_a(kTemplateA);
-  static const PreparedFormat template_b(kTemplateB);
-  if (which == CommandTemplate::kA) {
-    return template_a(
-        f.type, f.broker_id, f.account, f.symbol, f.symbol_a, f.symbol_b, f.side, f.side1, f.side2, f.qty,
-        f.price, f.price_string, f.stop_price, f.stop_price_string, f.trailing_field, f.trailing_type,
-        f.trailing_amount, f.touch_price, f.touch_price_string, f.touch_field, f.touch_condition, f.order_type,
-        f.position_effect, f.time_in_force, f.synthetic, f.group_type, f.group_id, 0, f.chase_price, f.spread,
-        f.strategy, f.user_key1, f.user_key2, f.user_key3, f.sliced_id, f.sliced_price_field, f.sliced_ticks,
-        f.ext_commands, f.consecutive, f.number_of_retries, f.retry_interval, f.contingent_symbol, f.group_prefix,
-        f.ori_level_key, f.spread_id);
+namespace {
+
+// The command written piece by piece into one string reserved up front: the
+// same text as the template formatted with CString::Format, without reading
+// the template for every child.
+class CommandWriter {
+ public:
+  explicit CommandWriter(std::size_t capacity) { text_.reserve(capacity); }
+
+  void Text(std::wstring_view key, const CString& value) {
+    text_.append(key);
+    text_.append(value.wstr());
   }
-  return template_b(
-      f.type, f.broker_id, f.account, f.symbol, f.symbol_a, f.symbol_b, f.side, f.side1, f.side2, f.qty,
-      f.price, f.price_string, f.stop_price, f.stop_price_string, f.trailing_field, f.trailing_type,
-      f.trailing_amount, f.touch_price, f.touch_price_string, f.touch_field, f.touch_condition, f.order_type,
-      f.position_effect, f.time_in_force, f.synthetic, f.group_type, f.group_id, f.chase_price, f.spread, f.strategy,
-      f.user_key1, f.user_key2, f.user_key3, f.sliced_id, f.sliced_price_field, f.sliced_ticks, f.ext_commands,
-      f.consecutive, f.number_of_retries, f.retry_interval, f.contingent_symbol, f.group_prefix, f.ori_level_key,
-      f.spread_id);
+  void Number(std::wstring_view key, int64_t value) {
+    text_.append(key);
+    AppendDecimal(text_, value);
+  }
+  void Fixed(std::wstring_view pairs) { text_.append(pairs); }
+  CString Take() { return CString(std::move(text_)); }
+
+ private:
+  std::wstring text_;
+};
+
+// What a template adds besides its values: its literal text and up to 20
+// characters for each of its 15 numbers.
+constexpr std::size_t kCommandReserve = 600 + 15 * 20;
+
+}  // namespace
+
+CString FormatCommand(CommandTemplate which, const CommandFields& f) {
+  const bool a = which == CommandTemplate::kA;
+  std::size_t texts = 0;
+  for (const CString* t : {&f.type, &f.broker_id, &f.account, &f.symbol, &f.symbol_a, &f.symbol_b, &f.side,
+                           &f.side1, &f.side2, &f.price_string, &f.stop_price_string, &f.touch_price_string,
+                           &f.group_id, &f.chase_price, &f.strategy, &f.user_key1, &f.user_key2, &f.user_key3,
+                           &f.sliced_id, &f.ext_commands, &f.contingent_symbol, &f.group_prefix, &f.ori_level_key,
+                           &f.spread_id}) {
+    texts += static_cast<std::size_t>(t->GetLength());
+  }
+  CommandWriter w(kCommandReserve + texts);
+  w.Text(L"TYPE=", f.type);
+  w.Text(L",BROKERID=", f.broker_id);
+  w.Text(L",ACCOUNT=", f.account);
+  w.Text(L",SYMBOL=", f.symbol);
+  w.Text(L",SYMBOLA=", f.symbol_a);
+  w.Text(L",SYMBOLB=", f.symbol_b);
+  w.Text(L",SIDE=", f.side);
+  w.Text(L",SIDE1=", f.side1);
+  w.Text(L",SIDE2=", f.side2);
+  w.Number(L",QTY=", f.qty);
+  w.Number(L",PRICE=", f.price);
+  w.Text(L",PRICESTRING=", f.price_string);
+  w.Number(L",STOPPRICE=", f.stop_price);
+  w.Text(L",STOPPRICESTRING=", f.stop_price_string);
+  w.Number(L",TRAILINGFIELD=", f.trailing_field);
+  w.Number(L",TRAILINGTYPE=", f.trailing_type);
+  w.Number(L",TRAILINGAMOUNT=", f.trailing_amount);
+  w.Number(L",TOUCHPRICE=", f.touch_price);
+  w.Text(L",TOUCHPRICESTRING=", f.touch_price_string);
+  w.Number(L",TOUCHFIELD=", f.touch_field);
+  w.Number(L",TOUCHCONDITION=", f.touch_condition);
+  w.Number(L",ORDERTYPE=", f.order_type);
+  w.Number(L",POSITIONEFFECT=", f.position_effect);
+  w.Number(L",TIMEINFORCE=", f.time_in_force);
+  w.Number(L",SYNTHETIC=", f.synthetic);
+  w.Number(L",GROUPTYPE=", f.group_type);
+  w.Text(L",GROUPID=", f.group_id);
+  if (a) w.Fixed(L",GROUPMASTER=0");
+  w.Text(L",CHASEPRICE=", f.chase_price);
+  w.Number(L",SPREAD=", f.spread);
+  w.Text(L",STRATEGY=", f.strategy);
+  w.Text(L",USERKEY1=", f.user_key1);
+  w.Text(L",USERKEY2=", f.user_key2);
+  w.Text(L",USERKEY3=", f.user_key3);
+  w.Text(L",SlicedID=", f.sliced_id);
+  w.Number(L",SlicedPriceField=", f.sliced_price_field);
+  w.Number(L",SlicedTicks=", f.sliced_ticks);
+  w.Text(L",ExtCommands=", f.ext_commands);
+  w.Number(L",Consecutive=", f.consecutive);
+  w.Number(L",NumberOfRetries=", f.number_of_retries);
+  w.Number(L",RetryInterval=", f.retry_interval);
+  if (!a) w.Fixed(L",SlicedType=4,DiscloseQty=0");
+  w.Text(L",ContingentSymbol=", f.contingent_symbol);
+  w.Text(L",GroupPrefix=", f.group_prefix);
+  w.Text(L",OriLevelKey=", f.ori_level_key);
+  w.Text(L",SpreadID=", f.spread_id);
+  w.Fixed(L",Sliced=1");
+  return w.Take();
 }
 
 const wchar_t* CommandTemplateText(CommandTemplate which) {

@@ -44,6 +44,28 @@ struct CommandFields {
 // command format; `qty` stays 0 for the caller to set.
 CommandFields GatherCommandFields(CBaseData& parent);
 
+// The parent fields of one slice decision that the sizing and the slice
+// builder read for their own use, kept for the command of that same decision
+// so that no field is read twice. Never kept past the decision: the host may
+// rewrite the record at any time.
+struct SliceReads {
+  enum Field : uint32_t {
+    kType = 1u << 0,         // "SecurityType"
+    kSymbol = 1u << 1,       // "Symbol"
+    kSide = 1u << 2,         // "Side"
+    kSlicedId = 1u << 3,     // "SliceID"
+    kGroupType = 1u << 4,    // "GroupType"
+    kGroupId = 1u << 5,      // "GroupID"
+    kOriLevelKey = 1u << 6,  // "OriLevelKey", or "LevelKey" when that is empty
+  };
+  CommandFields fields;
+  uint32_t known = 0;  // the Field bits whose member of `fields` holds the read value
+};
+
+// Fills `reads.fields` as GatherCommandFields does, reading only the fields
+// whose bits are not in `reads.known`.
+void GatherCommandFields(CBaseData& parent, SliceReads& reads);
+
 CString FormatCommand(CommandTemplate which, const CommandFields& fields);
 
 // The format text of a template, as FormatCommand fills it.

@@ -1,5 +1,8 @@
 #include "slicing/command_format.h"
 
+#include <cstdint>
+#include <string>
+
 #include "testing/manager_fixture.h"
 
 namespace tsm {
@@ -189,6 +192,50 @@ TEST_F(CommandFormatTest, NonAsciiAccountAndSymbolRoundTrip) {
   EXPECT_EQ(Pair(command, L"ACCOUNT"), account);
   EXPECT_EQ(Pair(command, L"SYMBOL"), symbol);
   EXPECT_NE(command.ToUtf8().find("ACCOUNT=\xE5\xBC\xA0\xE4\xB8\x89\xE8\xB4\xA6\xE6\x88\xB7,"), std::string::npos);
+}
+
+// The command is written pair by pair; it must stay exactly what the
+// template text formats to, for any values.
+CString FormattedFromTemplate(CommandTemplate which, const CommandFields& f) {
+  if (which == CommandTemplate::kA) {
+    return CString::Formatted(
+        CommandTemplateText(which), f.type, f.broker_id, f.account, f.symbol, f.symbol_a, f.symbol_b, f.side,
+        f.side1, f.side2, f.qty, f.price, f.price_string, f.stop_price, f.stop_price_string, f.trailing_field,
+        f.trailing_type, f.trailing_amount, f.touch_price, f.touch_price_string, f.touch_field, f.touch_condition,
+        f.order_type, f.position_effect, f.time_in_force, f.synthetic, f.group_type, f.group_id, 0, f.chase_price,
+        f.spread, f.strategy, f.user_key1, f.user_key2, f.user_key3, f.sliced_id, f.sliced_price_field,
+        f.sliced_ticks, f.ext_commands, f.consecutive, f.number_of_retries, f.retry_interval, f.contingent_symbol,
+        f.group_prefix, f.ori_level_key, f.spread_id);
+  }
+  return CString::Formatted(
+      CommandTemplateText(which), f.type, f.broker_id, f.account, f.symbol, f.symbol_a, f.symbol_b, f.side, f.side1,
+      f.side2, f.qty, f.price, f.price_string, f.stop_price, f.stop_price_string, f.trailing_field, f.trailing_type,
+      f.trailing_amount, f.touch_price, f.touch_price_string, f.touch_field, f.touch_condition, f.order_type,
+      f.position_effect, f.time_in_force, f.synthetic, f.group_type, f.group_id, f.chase_price, f.spread,
+      f.strategy, f.user_key1, f.user_key2, f.user_key3, f.sliced_id, f.sliced_price_field, f.sliced_ticks,
+      f.ext_commands, f.consecutive, f.number_of_retries, f.retry_interval, f.contingent_symbol, f.group_prefix,
+      f.ori_level_key, f.spread_id);
+}
+
+TEST_F(CommandFormatTest, WrittenCommandIsTheTemplateFormattedForAnyValues) {
+  CommandFields every = GatherCommandFields(*Bound(EveryField()));
+  every.qty = 300;
+  CommandFields extremes;
+  extremes.qty = INT32_MIN;
+  extremes.price = INT64_MAX;
+  extremes.stop_price = INT64_MIN;
+  extremes.trailing_field = INT32_MAX;
+  extremes.touch_price = -1;
+  extremes.order_type = -7;
+  extremes.sliced_ticks = 1234567890;
+  CommandFields long_texts = every;
+  long_texts.ext_commands = CString(std::wstring(3000, L'x'));
+  long_texts.symbol = L"%s%d,=;";
+  for (const CommandFields* f : {&every, &extremes, &long_texts}) {
+    for (CommandTemplate which : {CommandTemplate::kA, CommandTemplate::kB}) {
+      EXPECT_EQ(FormatCommand(which, *f).wstr(), FormattedFromTemplate(which, *f).wstr());
+    }
+  }
 }
 
 }  // namespace

@@ -7,15 +7,21 @@
 namespace tsm {
 
 void CTradeSliceManager::DoSlicedWorkFirst(CBaseData* parent) {
+  // Each parent field is read once for this slice; the command takes what
+  // the decision read.
+  SliceReads reads;
+  CommandFields& fields = reads.fields;
   const int32_t total = parent->GetLong(L"LeavesQty", 0);
-  const CString slice_id = parent->GetString(L"SliceID");
-  const int32_t qty = ComputeSliceQty(parent);
-  CString level_key = parent->GetString(L"OriLevelKey");
-  if (level_key.IsEmpty()) level_key = parent->GetString(L"LevelKey");
-  parent->GetString(L"SpreadID");
-  const int32_t group_type = parent->GetLong(L"GroupType", INT32_MIN);
-  const CString group_id = parent->GetString(L"GroupID");
-  parent->GetString(L"GroupPrefix");
+  fields.sliced_id = parent->GetString(L"SliceID");
+  const CString& slice_id = fields.sliced_id;
+  const int32_t qty = ComputeSliceQty(parent, &reads);
+  fields.ori_level_key = parent->GetString(L"OriLevelKey");
+  if (fields.ori_level_key.IsEmpty()) fields.ori_level_key = parent->GetString(L"LevelKey");
+  const CString& level_key = fields.ori_level_key;
+  fields.group_type = parent->GetLong(L"GroupType", INT32_MIN);
+  const int32_t group_type = fields.group_type;
+  fields.group_id = parent->GetString(L"GroupID");
+  reads.known |= SliceReads::kSlicedId | SliceReads::kOriLevelKey | SliceReads::kGroupType | SliceReads::kGroupId;
   LogFormat(L"DoSlicedWork First: NewOrderQty=%ld, TotalQty=%ld", qty, total);
 
   if (total <= qty) {
@@ -43,9 +49,9 @@ void CTradeSliceManager::DoSlicedWorkFirst(CBaseData* parent) {
   parent->SetData(update, kKindFieldByName, Variant::Text(L"SendQty"), Variant::I4(rest));
   parent->EndUpdate(update);
 
-  CommandFields fields = GatherCommandFields(*parent);
+  GatherCommandFields(*parent, reads);
   fields.qty = qty;
-  if (group_type == 2) fields.group_id = DerivedGroupId(group_id, 1);
+  if (group_type == 2) fields.group_id = DerivedGroupId(fields.group_id, 1);
   CString command = FormatCommand(CommandTemplate::kA, fields);
   {
     ScopedLock<CMutex> guard(m_mutexSlice);

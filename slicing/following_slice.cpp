@@ -35,18 +35,25 @@ void CTradeSliceManager::DoSlicedWork(CBaseData* parent, CBaseData* child, int32
   const int32_t unfilled = original - filled;
   const int32_t leftover = unfilled > 0 ? unfilled : 0;
 
+  // Each parent field is read once for this slice; the command takes what
+  // the decision read.
+  SliceReads reads;
+  CommandFields& fields = reads.fields;
   const int32_t total = parent->GetLong(L"LeavesQty", 0);
   const int32_t sliced_type = parent->GetLong(L"SlicedType", INT32_MIN);
-  const CString slice_id = parent->GetString(L"SliceID");
-  int32_t qty = ComputeSliceQty(parent);
-  CString parent_key = parent->GetString(L"OriLevelKey");
-  if (parent_key.IsEmpty()) parent_key = parent->GetString(L"LevelKey");
-  const int32_t group_type = parent->GetLong(L"GroupType", INT32_MIN);
-  const CString group_id = parent->GetString(L"GroupID");
+  fields.sliced_id = parent->GetString(L"SliceID");
+  const CString& slice_id = fields.sliced_id;
+  int32_t qty = ComputeSliceQty(parent, &reads);
+  fields.ori_level_key = parent->GetString(L"OriLevelKey");
+  if (fields.ori_level_key.IsEmpty()) fields.ori_level_key = parent->GetString(L"LevelKey");
+  const CString& parent_key = fields.ori_level_key;
+  fields.group_type = parent->GetLong(L"GroupType", INT32_MIN);
+  const int32_t group_type = fields.group_type;
+  CString group_id = parent->GetString(L"GroupID");
+  reads.known |= SliceReads::kSlicedId | SliceReads::kOriLevelKey | SliceReads::kGroupType;
   LogFormat(L"DoSlicedWork : SlicedID=%s, NewOrderQty=%ld, TotalQty=%ld, LeavesQty=%ld, CumQty=%ld, "
             L"OriginalQty=%ld, GroupType=%ld, GroupID=%s",
             slice_id, qty, total, unfilled, filled, original, group_type, group_id);
-  parent->GetString(L"GroupPrefix");
 
   auto drop_child_timer = [&] {
     ScopedLock<CMutex> guard(m_mutexTimer);
@@ -107,13 +114,16 @@ void CTradeSliceManager::DoSlicedWork(CBaseData* parent, CBaseData* child, int32
       void* slot = nullptr;
       if (m_mapVolumeWatch.Lookup(symbol, slot)) RemoveFirst(static_cast<VolumeWatchEntry*>(slot)->arrLevelKeys, child_key);
     }
-    CommandFields fields = GatherCommandFields(*parent);
-    fields.qty = qty;
     if (group_type == 2) {
       int32_t count = 0;
       m_mapGroupCount.Lookup(parent_key, count);
       fields.group_id = DerivedGroupId(group_id, count + 1);
+    } else {
+      fields.group_id = std::move(group_id);
     }
+    reads.known |= SliceReads::kGroupId;
+    GatherCommandFields(*parent, reads);
+    fields.qty = qty;
     CString command = FormatCommand(CommandTemplate::kA, fields);
     LogFormat(L"DoSlicedWork :SendNewOrder NewOrderQty=%ld, TotalQty=%ld, LeavesQty=%ld, Type=%d", qty,
               rest, leftover, send_mode);

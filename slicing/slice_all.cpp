@@ -7,19 +7,25 @@
 namespace tsm {
 
 void CTradeSliceManager::DoSlicedAll(CBaseData* parent) {
+  // Each parent field is read once for this parent; the commands take what
+  // the decision read.
+  SliceReads reads;
+  CommandFields& fields = reads.fields;
   int32_t total = parent->GetLong(L"LeavesQty", 0);
-  parent->GetString(L"SliceID");
-  const int32_t qty = ComputeSliceQty(parent);
-  CString level_key = parent->GetString(L"OriLevelKey");
-  if (level_key.IsEmpty()) level_key = parent->GetString(L"LevelKey");
-  parent->GetString(L"SpreadID");
-  const int32_t group_type = parent->GetLong(L"GroupType", INT32_MIN);
-  const CString group_id = parent->GetString(L"GroupID");
-  parent->GetString(L"GroupPrefix");
+  fields.sliced_id = parent->GetString(L"SliceID");
+  const int32_t qty = ComputeSliceQty(parent, &reads);
+  fields.ori_level_key = parent->GetString(L"OriLevelKey");
+  if (fields.ori_level_key.IsEmpty()) fields.ori_level_key = parent->GetString(L"LevelKey");
+  const CString level_key = fields.ori_level_key;
+  fields.group_type = parent->GetLong(L"GroupType", INT32_MIN);
+  const int32_t group_type = fields.group_type;
+  fields.group_id = parent->GetString(L"GroupID");
+  const CString group_id = fields.group_id;
+  reads.known |= SliceReads::kSlicedId | SliceReads::kOriLevelKey | SliceReads::kGroupType | SliceReads::kGroupId;
   const int32_t sliced_type = parent->GetLong(L"SlicedType", INT32_MIN);
   LogFormat(L"DoSlicedAll First: NewOrderQty=%ld, TotalQty=%ld", qty, total);
 
-  CommandFields fields = GatherCommandFields(*parent);
+  GatherCommandFields(*parent, reads);
   // Released slice-all orders (type 5) print SYNTHETIC=0, deliberately.
   if (sliced_type == 5) fields.synthetic = 0;
   fields.qty = qty;

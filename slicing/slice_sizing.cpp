@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "manager/trade_slice_manager.h"
+#include "slicing/command_format.h"
 
 namespace tsm {
 
@@ -24,7 +25,10 @@ int CTradeSliceManager::DrawProcessRandom() {
   return static_cast<int>((next >> 16) & 0x7fffu);
 }
 
-int32_t CTradeSliceManager::ComputeSliceQty(CBaseData* parent) {
+int32_t CTradeSliceManager::ComputeSliceQty(CBaseData* parent, SliceReads* reads) {
+  SliceReads own;
+  if (reads == nullptr) reads = &own;
+  CommandFields& read = reads->fields;
   const int32_t disclose = parent->GetLong(L"DiscloseQty", 0);
   const int32_t variance = parent->GetLong(L"Variance", 0);
   const int32_t r = random_();  // drawn on every call, also when it cannot matter
@@ -44,8 +48,12 @@ int32_t CTradeSliceManager::ComputeSliceQty(CBaseData* parent) {
   }
 
   // Lots apply only to security types whose code holds an "S".
-  if (parent->GetString(L"SecurityType").Find(L"S") < 0) return qty;
-  const CString symbol = parent->GetString(L"Symbol");
+  read.type = parent->GetString(L"SecurityType");
+  reads->known |= SliceReads::kType;
+  if (read.type.Find(L"S") < 0) return qty;
+  read.symbol = parent->GetString(L"Symbol");
+  reads->known |= SliceReads::kSymbol;
+  const CString& symbol = read.symbol;
   Variant symbol_data = Variant::Text(symbol.wstr());
   SendTopic(L"MARZIPAN.REQUEST", 1, 0, L"STKINFO", &symbol_data);
   CBaseData* answer = GetTopicRecord(L"MARZIPAN.REQUEST", nullptr);
@@ -58,12 +66,16 @@ int32_t CTradeSliceManager::ComputeSliceQty(CBaseData* parent) {
   int32_t buy_lot = 0, sell_lot = 0;
   int pos = 0;
   int item = 0;
-  for (CString token = info.Tokenize(L"|", pos); pos != -1; token = info.Tokenize(L"|", pos)) {
+  const std::wstring_view items(info.wstr());
+  for (std::wstring_view token = TokenizeView(items, L"|", pos); pos != -1 && item < 4;
+       token = TokenizeView(items, L"|", pos)) {
     ++item;
-    if (item == 2) buy_lot = WToL(token.wstr());
-    if (item == 4) sell_lot = WToL(token.wstr());
+    if (item == 2) buy_lot = WToL(token);
+    if (item == 4) sell_lot = WToL(token);
   }
-  const CString side = parent->GetString(L"Side");
+  read.side = parent->GetString(L"Side");
+  reads->known |= SliceReads::kSide;
+  const CString& side = read.side;
   int32_t lot;
   if (side == L"B" || side == L"1") {
     lot = buy_lot;

@@ -119,15 +119,19 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
   if (exec_type >= 11 && exec_type != 21) return;
 
   if (!IsFinalGroup(exec_type)) {
-    // A working child of a volume slice starts being watched.
-    if (record->GetString(L"OrderID").IsEmpty() || slice_id.IsEmpty()) return;
+    // A working child of a volume slice starts being watched. The slice's
+    // parameters are looked at before "OrderID" is read: most working
+    // updates belong to other kinds of slice.
+    if (slice_id.IsEmpty()) return;
     CString params;
     if (!m_mapSliceParams.Lookup(slice_id, params)) return;
     int pos = 0;
-    const int32_t type = WToL(params.Tokenize(L",", pos).wstr());
-    const int32_t interval = WToL(params.Tokenize(L",", pos).wstr());
-    const int32_t leftover_action = WToL(params.Tokenize(L",", pos).wstr());
+    const std::wstring_view text(params.wstr());
+    const int32_t type = WToL(TokenizeView(text, L",", pos));
+    const int32_t interval = WToL(TokenizeView(text, L",", pos));
+    const int32_t leftover_action = WToL(TokenizeView(text, L",", pos));
     if (interval < 1 || type != 3 || leftover_action == 0) return;
+    if (record->GetString(L"OrderID").IsEmpty()) return;
     const CString symbol = record->GetString(L"Symbol");
     ScopedLock<CMutex> guard(m_mutexVolume);
     if (m_mapStartVolume.Contains(level_key)) return;
@@ -192,9 +196,10 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
   const std::wstring_view own_key(level_key.wstr());
   const std::wstring_view parent_view(parent_key.wstr());
   bool passed = true;
+  // The order mutex is held for the whole walk (order_guard), so it is not
+  // taken again for each sibling.
   siblings.ForEachPiece([&](std::wstring_view sibling) {
     if (!passed || sibling == own_key || sibling == parent_view) return;
-    ScopedLock<CMutex> guard(m_mutexOrder);
     void* sibling_slot = nullptr;
     if (m_mapLevelKeyToOrderData.Lookup(sibling, sibling_slot) && sibling_slot != nullptr) {
       static_cast<CBaseData*>(sibling_slot)->GetLong(L"ExecType", INT32_MIN);

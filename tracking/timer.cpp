@@ -62,8 +62,25 @@ CTimer::CTimer(IClock* clock)
 CTimer::~CTimer() { Shutdown(); }
 
 CString CTimer::KeyFor(unsigned id) const {
-  const auto instance = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(this));
-  return CString::Formatted(L"%x.%d", instance, static_cast<int32_t>(id));
+  // "%x.%d" of the instance's low 32 bits and the id, written without a
+  // format: every arming and stop of a timer makes its key.
+  uint32_t instance = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(this));
+  const int32_t signed_id = static_cast<int32_t>(id);
+  uint32_t magnitude = signed_id < 0 ? 0u - static_cast<uint32_t>(signed_id) : static_cast<uint32_t>(signed_id);
+  wchar_t key[24];
+  wchar_t* const end = key + 24;
+  wchar_t* p = end;
+  do {
+    *--p = static_cast<wchar_t>(L'0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  if (signed_id < 0) *--p = L'-';
+  *--p = L'.';
+  do {
+    *--p = L"0123456789abcdef"[instance & 0xF];
+    instance >>= 4;
+  } while (instance != 0);
+  return CString(p, static_cast<std::size_t>(end - p));
 }
 
 int CTimer::StartTimer(unsigned id, int interval_ms, TimerCallback callback, void* context) {
