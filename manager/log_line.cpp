@@ -8,32 +8,54 @@ namespace tsm {
 
 namespace {
 
+// "00" to "99", two characters each: numbers are written two digits a step.
+struct DigitPairs {
+  wchar_t text[200];
+  constexpr DigitPairs() : text() {
+    for (int i = 0; i < 100; ++i) {
+      text[2 * i] = static_cast<wchar_t>(L'0' + i / 10);
+      text[2 * i + 1] = static_cast<wchar_t>(L'0' + i % 10);
+    }
+  }
+};
+constexpr DigitPairs kDigitPairs;
+
+template <typename Unsigned>
+wchar_t* WriteMagnitudeBefore(wchar_t* p, Unsigned value) {
+  while (value >= 100) {
+    const auto pair = static_cast<std::size_t>(value % 100) * 2;
+    value /= 100;
+    *--p = kDigitPairs.text[pair + 1];
+    *--p = kDigitPairs.text[pair];
+  }
+  if (value >= 10) {
+    const auto pair = static_cast<std::size_t>(value) * 2;
+    *--p = kDigitPairs.text[pair + 1];
+    *--p = kDigitPairs.text[pair];
+  } else {
+    *--p = static_cast<wchar_t>(L'0' + value);
+  }
+  return p;
+}
+
 // Writes `value` in signed decimal ending just before `end`; returns where it
 // starts. Values that fit 32 bits take the cheaper 32-bit division.
 wchar_t* WriteDecimalBefore(wchar_t* end, int64_t value) {
-  wchar_t* p = end;
   // The magnitude of the smallest value does not fit int64_t; take it unsigned.
   const uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-  if (magnitude <= UINT32_MAX) {
-    auto small = static_cast<uint32_t>(magnitude);
-    do {
-      *--p = static_cast<wchar_t>(L'0' + small % 10);
-      small /= 10;
-    } while (small != 0);
-  } else {
-    uint64_t large = magnitude;
-    do {
-      *--p = static_cast<wchar_t>(L'0' + large % 10);
-      large /= 10;
-    } while (large != 0);
-  }
+  wchar_t* p = magnitude <= UINT32_MAX ? WriteMagnitudeBefore(end, static_cast<uint32_t>(magnitude))
+                                       : WriteMagnitudeBefore(end, magnitude);
   if (value < 0) *--p = L'-';
   return p;
 }
 
-constexpr std::size_t kDecimalMax = 20;  // "-9223372036854775808"
-
 }  // namespace
+
+wchar_t* WriteDecimal(wchar_t* out, int64_t value) {
+  wchar_t digits[kDecimalMax];
+  wchar_t* const end = digits + kDecimalMax;
+  return std::copy(WriteDecimalBefore(end, value), end, out);
+}
 
 void AppendDecimal(std::wstring& out, int64_t value) {
   wchar_t digits[kDecimalMax];
@@ -90,10 +112,7 @@ std::wstring FormatLogLine(std::wstring_view prefix, const wchar_t* format, cons
       if (arg.kind == FormatArg::Kind::kText) {
         out = std::copy(arg.text, arg.text + arg.text_length, out);
       } else {
-        wchar_t digits[kDecimalMax];
-        wchar_t* const end = digits + kDecimalMax;
-        const int64_t value = conversion == L's' || wide64 ? arg.number : static_cast<int32_t>(arg.number);
-        out = std::copy(WriteDecimalBefore(end, value), end, out);
+        out = WriteDecimal(out, conversion == L's' || wide64 ? arg.number : static_cast<int32_t>(arg.number));
       }
     }
     ++next;

@@ -17,8 +17,14 @@
 
 namespace tsm {
 
+// The most characters a 64-bit number takes in decimal.
+inline constexpr std::size_t kDecimalMax = 20;
+
 // Appends `value` in signed decimal.
 void AppendDecimal(std::wstring& out, int64_t value);
+// Writes `value` in signed decimal at `out`, which has room for kDecimalMax
+// characters; returns the end of what it wrote.
+wchar_t* WriteDecimal(wchar_t* out, int64_t value);
 
 // `prefix` followed by `format` filled with `args`.
 std::wstring FormatLogLine(std::wstring_view prefix, const wchar_t* format, const text_internal::FormatArg* args,

@@ -1,4 +1,5 @@
 #include "manager/log_line.h"
+#include "manager/text_pieces.h"
 
 #include <gtest/gtest.h>
 
@@ -70,6 +71,25 @@ TEST(LogLineTest, AppendDecimalWritesEveryRange) {
     AppendDecimal(out, value);
     EXPECT_EQ(out, L"v=" + std::to_wstring(value));
   }
+}
+
+TEST(TextPiecesTest, NextPieceStepsAsTokenizeView) {
+  for (const wchar_t* text : {L"", L",", L",,,", L"a", L"1,100,0", L",a,,b,", L"a,b,c,d,e", L"|x|", L"ab,cd"}) {
+    for (wchar_t separator : {L',', L'|'}) {
+      const wchar_t delimiters[] = {separator, L'\0'};
+      int mine = 0;
+      int theirs = 0;
+      for (int step = 0; step < 8; ++step) {
+        const std::wstring_view piece = NextPiece(text, separator, mine);
+        const std::wstring_view expected = TokenizeView(text, delimiters, theirs);
+        EXPECT_EQ(piece, expected) << text;
+        EXPECT_EQ(mine, theirs) << text;
+      }
+    }
+  }
+  int beyond = 99;
+  EXPECT_TRUE(NextPiece(L"a,b", L',', beyond).empty());
+  EXPECT_EQ(beyond, -1);
 }
 
 }  // namespace

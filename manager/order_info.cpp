@@ -2,6 +2,7 @@
 // its slice and parent, listened to (except slice-all children), and given a
 // per-order timer when its slice is timed; an order of a slice cancelled
 // meanwhile is marked cancelled instead.
+#include "manager/text_pieces.h"
 #include "manager/trade_slice_manager.h"
 
 namespace tsm {
@@ -89,29 +90,27 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
   // The timer branch keys on the order's SlicedType 0 but on the type 2 kept
   // in the slice parameters: two separate tests, on purpose.
   if (sliced_type == 0 && listened != nullptr) {
-    const int32_t client_modify_new = listened->GetLong(L"ClientModifyNew", 0);
-    const int32_t new_chase = listened->GetLong(L"NewChase", 0);
     CString params;
     {
       ScopedLock<CMutex> guard(m_mutexOrder);
       m_mapSliceParams.Lookup(slice_id, params);
     }
-    if (!params.IsEmpty() && client_modify_new == 0 && new_chase == 0) {
-      int pos = 0;
-      const std::wstring_view text(params.wstr());
-      const int32_t type = WToL(TokenizeView(text, L",", pos));
-      const int32_t interval = WToL(TokenizeView(text, L",", pos));
-      const int32_t leftover_action = WToL(TokenizeView(text, L",", pos));
-      if (type == 2) {
-        ScopedLock<CMutex> guard(m_mutexTimer);
-        if (!m_mapOrderToTimer.Contains(level_key)) {
-          const int32_t id = NextOrderTimerId();
-          const CString id_text = CString::Formatted(L"%ld", id);
-          m_mapTimerToOrder.SetAt(id_text, level_key);
-          m_mapOrderToTimer.SetAt(level_key, id_text);
-          m_timer.StartTimer(static_cast<unsigned>(id), interval, &OnTimerTick, this);
-          LogFormat(L"Timer Order: Interval=%d, LeftoverAction=%d", interval, leftover_action);
-        }
+    int pos = 0;
+    const std::wstring_view text(params.wstr());
+    // The flags are read only for a timed slice: the reads change nothing,
+    // and most children belong to other kinds.
+    if (!params.IsEmpty() && WToL(NextPiece(text, L',', pos)) == 2 &&
+        listened->GetLong(L"ClientModifyNew", 0) == 0 && listened->GetLong(L"NewChase", 0) == 0) {
+      const int32_t interval = WToL(NextPiece(text, L',', pos));
+      const int32_t leftover_action = WToL(NextPiece(text, L',', pos));
+      ScopedLock<CMutex> guard(m_mutexTimer);
+      if (!m_mapOrderToTimer.Contains(level_key)) {
+        const int32_t id = NextOrderTimerId();
+        const CString id_text = CString::Formatted(L"%ld", id);
+        m_mapTimerToOrder.SetAt(id_text, level_key);
+        m_mapOrderToTimer.SetAt(level_key, id_text);
+        m_timer.StartTimer(static_cast<unsigned>(id), interval, &OnTimerTick, this);
+        LogFormat(L"Timer Order: Interval=%d, LeftoverAction=%d", interval, leftover_action);
       }
     }
   }

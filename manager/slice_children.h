@@ -16,6 +16,7 @@
 
 #include "data/containers.h"
 #include "data/text.h"
+#include "manager/text_pieces.h"
 
 namespace tsm {
 
@@ -85,7 +86,7 @@ void SliceChildren::View::ForEachPiece(Fn&& fn) const {
       continue;
     }
     int pos = 0;
-    for (std::wstring_view piece = TokenizeView(text, L",", pos); pos != -1; piece = TokenizeView(text, L",", pos)) {
+    for (std::wstring_view piece = NextPiece(text, L',', pos); pos != -1; piece = NextPiece(text, L',', pos)) {
       fn(piece);
     }
   }

@@ -1,5 +1,6 @@
 #include "slicing/command_format.h"
 
+#include <algorithm>
 #include <climits>
 #include <utility>
 #include <string>
@@ -99,31 +100,39 @@ void GatherCommandFields(CBaseData& r, SliceReads& reads) {
 
 namespace {
 
-// The command written piece by piece into one string reserved up front: the
-// same text as the template formatted with CString::Format, without reading
-// the template for every child.
+// The command written piece by piece into one string sized up front to a
+// length it cannot outgrow: the same text as the template formatted with
+// CString::Format, without reading the template for every child.
 class CommandWriter {
  public:
-  explicit CommandWriter(std::size_t capacity) { text_.reserve(capacity); }
+  explicit CommandWriter(std::size_t capacity) : text_(capacity, L'\0'), at_(text_.data()) {}
+  CommandWriter(const CommandWriter&) = delete;
+  CommandWriter& operator=(const CommandWriter&) = delete;
 
   void Text(std::wstring_view key, const CString& value) {
-    text_.append(key);
-    text_.append(value.wstr());
+    at_ = std::copy(key.begin(), key.end(), at_);
+    at_ = std::copy(value.wstr().begin(), value.wstr().end(), at_);
   }
   void Number(std::wstring_view key, int64_t value) {
-    text_.append(key);
-    AppendDecimal(text_, value);
+    at_ = std::copy(key.begin(), key.end(), at_);
+    at_ = WriteDecimal(at_, value);
   }
-  void Fixed(std::wstring_view pairs) { text_.append(pairs); }
-  CString Take() { return CString(std::move(text_)); }
+  void Fixed(std::wstring_view pairs) { at_ = std::copy(pairs.begin(), pairs.end(), at_); }
+  CString Take() {
+    text_.resize(static_cast<std::size_t>(at_ - text_.data()));
+    return CString(std::move(text_));
+  }
 
  private:
   std::wstring text_;
+  wchar_t* at_;  // where the next piece goes
 };
 
-// What a template adds besides its values: its literal text and up to 20
-// characters for each of its 15 numbers.
-constexpr std::size_t kCommandReserve = 600 + 15 * 20;
+// Every number of a template, and the longest template text: with the
+// values' texts, no command is longer than that and one decimal per number.
+constexpr std::size_t kCommandNumbers = 20;
+constexpr std::size_t kTemplateLength = std::char_traits<wchar_t>::length(kTemplateB);
+static_assert(kTemplateLength >= std::char_traits<wchar_t>::length(kTemplateA));
 
 }  // namespace
 
@@ -137,7 +146,7 @@ CString FormatCommand(CommandTemplate which, const CommandFields& f) {
                            &f.spread_id}) {
     texts += static_cast<std::size_t>(t->GetLength());
   }
-  CommandWriter w(kCommandReserve + texts);
+  CommandWriter w(kTemplateLength + kCommandNumbers * kDecimalMax + texts);
   w.Text(L"TYPE=", f.type);
   w.Text(L",BROKERID=", f.broker_id);
   w.Text(L",ACCOUNT=", f.account);

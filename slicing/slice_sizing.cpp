@@ -3,6 +3,7 @@
 // order's side.
 #include <atomic>
 
+#include "manager/text_pieces.h"
 #include "manager/trade_slice_manager.h"
 #include "slicing/command_format.h"
 
@@ -67,8 +68,8 @@ int32_t CTradeSliceManager::ComputeSliceQty(CBaseData* parent, SliceReads* reads
   int pos = 0;
   int item = 0;
   const std::wstring_view items(info.wstr());
-  for (std::wstring_view token = TokenizeView(items, L"|", pos); pos != -1 && item < 4;
-       token = TokenizeView(items, L"|", pos)) {
+  for (std::wstring_view token = NextPiece(items, L'|', pos); pos != -1 && item < 4;
+       token = NextPiece(items, L'|', pos)) {
     ++item;
     if (item == 2) buy_lot = WToL(token);
     if (item == 4) sell_lot = WToL(token);

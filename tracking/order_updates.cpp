@@ -2,6 +2,7 @@
 // changes here, on the data service's event thread. Quote records queue their
 // symbol for the volume worker; the system time record releases orders
 // waiting for their session; child orders drive the next slice by ExecType.
+#include "manager/text_pieces.h"
 #include "manager/trade_slice_manager.h"
 
 namespace tsm {
@@ -127,9 +128,9 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
     if (!m_mapSliceParams.Lookup(slice_id, params)) return;
     int pos = 0;
     const std::wstring_view text(params.wstr());
-    const int32_t type = WToL(TokenizeView(text, L",", pos));
-    const int32_t interval = WToL(TokenizeView(text, L",", pos));
-    const int32_t leftover_action = WToL(TokenizeView(text, L",", pos));
+    const int32_t type = WToL(NextPiece(text, L',', pos));
+    const int32_t interval = WToL(NextPiece(text, L',', pos));
+    const int32_t leftover_action = WToL(NextPiece(text, L',', pos));
     if (interval < 1 || type != 3 || leftover_action == 0) return;
     if (record->GetString(L"OrderID").IsEmpty()) return;
     const CString symbol = record->GetString(L"Symbol");
