@@ -129,7 +129,14 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   int32_t ComputeSliceQty(CBaseData* parent, SliceReads* reads = nullptr);
   void DoSlicedWorkFirst(CBaseData* parent);
   void DoSlicedWork(CBaseData* parent, CBaseData* child, int32_t send_mode);
+  // The same, for a caller that has just read the child's "LevelKey" and the
+  // parent's "SlicedType" in the same decision: they are not read again.
+  void DoSlicedWork(CBaseData* parent, CBaseData* child, int32_t send_mode, const CString& child_key,
+                    int32_t sliced_type);
   void DoSlicedAll(CBaseData* parent);
+  // One batch update setting "OrderQty", "LeavesQty" and "SendQty" to `qty`,
+  // in that order.
+  static void SetParentQuantities(CBaseData* parent, int32_t qty);
   void SendSlicedOrder(const CString& command);
 
   // Timers, order updates, the volume worker.

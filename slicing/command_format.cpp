@@ -109,15 +109,22 @@ class CommandWriter {
   CommandWriter(const CommandWriter&) = delete;
   CommandWriter& operator=(const CommandWriter&) = delete;
 
-  void Text(std::wstring_view key, const CString& value) {
-    at_ = std::copy(key.begin(), key.end(), at_);
+  // Keys are literals: their lengths are known here, so their copies are
+  // fixed-size moves.
+  template <std::size_t N>
+  void Text(const wchar_t (&key)[N], const CString& value) {
+    at_ = std::copy(key, key + N - 1, at_);
     at_ = std::copy(value.wstr().begin(), value.wstr().end(), at_);
   }
-  void Number(std::wstring_view key, int64_t value) {
-    at_ = std::copy(key.begin(), key.end(), at_);
+  template <std::size_t N>
+  void Number(const wchar_t (&key)[N], int64_t value) {
+    at_ = std::copy(key, key + N - 1, at_);
     at_ = WriteDecimal(at_, value);
   }
-  void Fixed(std::wstring_view pairs) { at_ = std::copy(pairs.begin(), pairs.end(), at_); }
+  template <std::size_t N>
+  void Fixed(const wchar_t (&pairs)[N]) {
+    at_ = std::copy(pairs, pairs + N - 1, at_);
+  }
   CString Take() {
     text_.resize(static_cast<std::size_t>(at_ - text_.data()));
     return CString(std::move(text_));

@@ -43,11 +43,7 @@ void CTradeSliceManager::DoSlicedWorkFirst(CBaseData* parent) {
   }
 
   const int32_t rest = total - qty;
-  const int32_t update = parent->BeginUpdate();
-  parent->SetData(update, kKindFieldByName, Variant::Text(L"OrderQty"), Variant::I4(rest));
-  parent->SetData(update, kKindFieldByName, Variant::Text(L"LeavesQty"), Variant::I4(rest));
-  parent->SetData(update, kKindFieldByName, Variant::Text(L"SendQty"), Variant::I4(rest));
-  parent->EndUpdate(update);
+  SetParentQuantities(parent, rest);
 
   GatherCommandFields(*parent, reads);
   fields.qty = qty;

@@ -8,14 +8,6 @@
 namespace tsm {
 
 namespace {
-void SetParentQuantities(CBaseData* parent, int32_t qty) {
-  const int32_t update = parent->BeginUpdate();
-  parent->SetData(update, kKindFieldByName, Variant::Text(L"OrderQty"), Variant::I4(qty));
-  parent->SetData(update, kKindFieldByName, Variant::Text(L"LeavesQty"), Variant::I4(qty));
-  parent->SetData(update, kKindFieldByName, Variant::Text(L"SendQty"), Variant::I4(qty));
-  parent->EndUpdate(update);
-}
-
 void RemoveFirst(CStringArray& keys, const CString& key) {
   for (auto it = keys.begin(); it != keys.end(); ++it) {
     if (*it == key) {
@@ -26,8 +18,25 @@ void RemoveFirst(CStringArray& keys, const CString& key) {
 }
 }  // namespace
 
+void CTradeSliceManager::SetParentQuantities(CBaseData* parent, int32_t qty) {
+  // The field names are made once for the process: every slice writes them.
+  static const Variant order_qty = Variant::Text(L"OrderQty");
+  static const Variant leaves_qty = Variant::Text(L"LeavesQty");
+  static const Variant send_qty = Variant::Text(L"SendQty");
+  const int32_t update = parent->BeginUpdate();
+  parent->SetData(update, kKindFieldByName, order_qty, Variant::I4(qty));
+  parent->SetData(update, kKindFieldByName, leaves_qty, Variant::I4(qty));
+  parent->SetData(update, kKindFieldByName, send_qty, Variant::I4(qty));
+  parent->EndUpdate(update);
+}
+
 void CTradeSliceManager::DoSlicedWork(CBaseData* parent, CBaseData* child, int32_t send_mode) {
   const CString child_key = child->GetString(L"LevelKey");
+  DoSlicedWork(parent, child, send_mode, child_key, parent->GetLong(L"SlicedType", INT32_MIN));
+}
+
+void CTradeSliceManager::DoSlicedWork(CBaseData* parent, CBaseData* child, int32_t send_mode,
+                                      const CString& child_key, int32_t sliced_type) {
   m_mapListenedSlice.RemoveKey(child_key);
 
   const int32_t filled = child->GetLong(L"CumQty", 0);
@@ -40,7 +49,6 @@ void CTradeSliceManager::DoSlicedWork(CBaseData* parent, CBaseData* child, int32
   SliceReads reads;
   CommandFields& fields = reads.fields;
   const int32_t total = parent->GetLong(L"LeavesQty", 0);
-  const int32_t sliced_type = parent->GetLong(L"SlicedType", INT32_MIN);
   fields.sliced_id = parent->GetString(L"SliceID");
   const CString& slice_id = fields.sliced_id;
   int32_t qty = ComputeSliceQty(parent, &reads);

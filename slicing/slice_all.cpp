@@ -46,11 +46,7 @@ void CTradeSliceManager::DoSlicedAll(CBaseData* parent) {
     }
   }
 
-  const int32_t update = parent->BeginUpdate();
-  parent->SetData(update, kKindFieldByName, Variant::Text(L"OrderQty"), Variant::I4(total));
-  parent->SetData(update, kKindFieldByName, Variant::Text(L"LeavesQty"), Variant::I4(total));
-  parent->SetData(update, kKindFieldByName, Variant::Text(L"SendQty"), Variant::I4(total));
-  parent->EndUpdate(update);
+  SetParentQuantities(parent, total);
 
   {
     ScopedLock<CMutex> guard(m_mutexSliceAll);

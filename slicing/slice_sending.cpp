@@ -27,8 +27,10 @@ void CTradeSliceManager::SendSlicedOrder(const CString& command) {
       }
     }
   }
+  // The topic text is made once for the process: every child is sent under it.
+  static const CString new_order_topic(L"TRADE.NEWORDER");
   Log(L"[Sliced Send new order] ", command.wstr());
-  SendTopic(L"TRADE.NEWORDER", 1, 2, command, nullptr);
+  SendTopic(new_order_topic, 1, 2, command, nullptr);
 }
 
 }  // namespace tsm

@@ -186,7 +186,8 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
     LogFormat(L"m_mapLevelKeyToOrderData is null : %s", parent_key);
     return;
   }
-  if (parent->GetLong(L"SlicedType", INT32_MIN) == 2) return;
+  const int32_t sliced_type = parent->GetLong(L"SlicedType", INT32_MIN);
+  if (sliced_type == 2) return;
   SliceChildren::View siblings;
   {
     ScopedLock<CMutex> guard(m_mutexSlice);
@@ -210,7 +211,7 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
     if (!IsFinalGroup(exec_type)) passed = false;
   });
   if (!passed) return;
-  DoSlicedWork(parent, record, 0);
+  DoSlicedWork(parent, record, 0, level_key, sliced_type);
 }
 
 void CTradeSliceManager::CleanUpChild(CBaseData* record, const CString& level_key) {
