@@ -41,8 +41,7 @@ void CTradeSliceManager::ParseOrderInfo(int32_t cookie, int32_t order_index) {
   void* earlier = nullptr;
   {
     ScopedLock<CMutex> guard(m_mutexOrder);
-    m_mapLevelKeyToOrderData.Lookup(level_key, earlier);
-    m_mapLevelKeyToOrderData.SetAt(level_key, record);
+    earlier = SetOrderData(level_key, record);
     m_mapOrderIndex.SetAt(level_key, order_index);
   }
   if (earlier != nullptr && earlier != record) {

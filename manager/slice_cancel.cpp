@@ -78,7 +78,7 @@ void CTradeSliceManager::CancelSliceOrder(int32_t cookie, const CString& level_k
         m_mapOrderIndex.RemoveKey(level_key);
         void* slot = nullptr;
         if (m_mapLevelKeyToOrderData.Lookup(level_key, slot)) {
-          m_mapLevelKeyToOrderData.RemoveKey(level_key);
+          RemoveOrderData(level_key);
           ReleaseRecord(static_cast<CBaseData*>(slot));
         }
         m_mapGroupCount.RemoveKey(level_key);
@@ -110,7 +110,7 @@ void CTradeSliceManager::CancelSliceOrder(int32_t cookie, const CString& level_k
           if (m_mapCancelledOrders.Contains(child) || !m_mapLevelKeyToOrderData.Lookup(child, slot) || slot == nullptr) {
             continue;
           }
-          m_mapLevelKeyToOrderData.RemoveKey(child);
+          RemoveOrderData(child);
           m_mapOrderIndex.RemoveKey(child);
           m_mapGroupCount.RemoveKey(child);
           auto* child_record = static_cast<CBaseData*>(slot);
@@ -140,7 +140,7 @@ void CTradeSliceManager::CancelSliceOrder(int32_t cookie, const CString& level_k
     void* slot = nullptr;
     // An order with a per-order timer keeps its record for the timer's step.
     if (m_mapLevelKeyToOrderData.Lookup(level_key, slot) && timer_id.IsEmpty()) {
-      m_mapLevelKeyToOrderData.RemoveKey(level_key);
+      RemoveOrderData(level_key);
       ReleaseRecord(static_cast<CBaseData*>(slot));
     }
     m_mapOrderIndex.RemoveKey(level_key);

@@ -7,10 +7,13 @@
 // Threading: `Append`, `Find` and `Text` run under the owner's slice mutex.
 // A `View` taken under that mutex stays valid and unchanged after the mutex
 // is released: the entries it covers are never moved or written again, and
-// later appends only add entries past its end.
+// later appends only add entries past its end. The one exception is each
+// key's `Found` note, which only the fill handler reads and writes, under the
+// owner's order mutex.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string_view>
 
@@ -27,9 +30,17 @@ class SliceChildren {
   SliceChildren& operator=(const SliceChildren&) = delete;
   ~SliceChildren();
 
+  // What the fill handler last found for a key in the owner's order
+  // registry, and the registry's version then: while the version stands,
+  // the registry still holds that record under the key.
+  struct Found {
+    void* record = nullptr;
+    uint64_t version = 0;  // 0: nothing found yet
+  };
   struct Key {
     CString text;
     bool plain = true;  // holds no ",", so it is one piece of the joined text
+    mutable Found found;
   };
   // Fixed-size blocks, so that appending never moves an entry a view covers.
   struct Chunk {
@@ -46,6 +57,10 @@ class SliceChildren {
     // in order, skipping empty pieces, as a split of `Text` would give them.
     template <typename Fn>
     void ForEachPiece(Fn&& fn) const;
+    // The same, calling fn(piece, found) with the key's note for a key that
+    // is one piece, and a null note for the pieces of a key with commas.
+    template <typename Fn>
+    void ForEachKey(Fn&& fn) const;
     std::size_t size() const { return count_; }
 
    private:
@@ -74,7 +89,7 @@ class SliceChildren {
 };
 
 template <typename Fn>
-void SliceChildren::View::ForEachPiece(Fn&& fn) const {
+void SliceChildren::View::ForEachKey(Fn&& fn) const {
   const Chunk* chunk = head_;
   for (std::size_t i = 0; i < count_; ++i) {
     const std::size_t at = i % Chunk::kSize;
@@ -82,14 +97,19 @@ void SliceChildren::View::ForEachPiece(Fn&& fn) const {
     const Key& key = chunk->keys[at];
     const std::wstring_view text(key.text.wstr());
     if (key.plain) {
-      if (!text.empty()) fn(text);
+      if (!text.empty()) fn(text, &key.found);
       continue;
     }
     int pos = 0;
     for (std::wstring_view piece = NextPiece(text, L',', pos); pos != -1; piece = NextPiece(text, L',', pos)) {
-      fn(piece);
+      fn(piece, static_cast<Found*>(nullptr));
     }
   }
+}
+
+template <typename Fn>
+void SliceChildren::View::ForEachPiece(Fn&& fn) const {
+  ForEachKey([&fn](std::wstring_view piece, Found*) { fn(piece); });
 }
 
 }  // namespace tsm

@@ -30,13 +30,12 @@ void CTradeSliceManager::KeepSliceOrder(int32_t cookie, int32_t order_index) {
   }
 
   auto register_parent = [&] {
-    void* earlier = nullptr;
-    if (m_mapLevelKeyToOrderData.Lookup(level_key, earlier) && earlier != nullptr && earlier != record) {
+    void* earlier = SetOrderData(level_key, record);
+    if (earlier != nullptr && earlier != record) {
       // The same level key kept again replaces the record; a parked order may
       // still name the one it replaces.
       DropRecord(static_cast<CBaseData*>(earlier));
     }
-    m_mapLevelKeyToOrderData.SetAt(level_key, record);
     m_mapOrderIndex.SetAt(level_key, order_index);
     m_mapSliceIDToLevelKey.SetAt(slice_id, level_key);
   };
@@ -75,6 +74,18 @@ void CTradeSliceManager::KeepSliceOrder(int32_t cookie, int32_t order_index) {
     }
     m_timer.StartTimer(kTimerFinish, 10, &OnTimerTick, this);
   }
+}
+
+void* CTradeSliceManager::SetOrderData(const CString& level_key, CBaseData* record) {
+  void* earlier = nullptr;
+  const bool had = m_mapLevelKeyToOrderData.Lookup(level_key, earlier);
+  if (had && earlier != record) ++m_nOrderDataVersion;
+  m_mapLevelKeyToOrderData.SetAt(level_key, record);
+  return earlier;
+}
+
+void CTradeSliceManager::RemoveOrderData(const CString& level_key) {
+  if (m_mapLevelKeyToOrderData.RemoveKey(level_key)) ++m_nOrderDataVersion;
 }
 
 void CTradeSliceManager::SliceOrder(int32_t cookie) {

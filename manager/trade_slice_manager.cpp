@@ -71,6 +71,7 @@ void CTradeSliceManager::AbandonRecords() {
   for (stcWaitOrder* wait : m_arrReplacedWaits) keep_parked(wait);
   m_mapListenedOrders.RemoveAll();
   m_mapLevelKeyToOrderData.RemoveAll();
+  ++m_nOrderDataVersion;
   // A retired record still named by a wait entry is kept with it, not freed.
   const std::unordered_set<CBaseData*> kept_set(kept.begin(), kept.end());
   m_arrRetiredRecords.erase(std::remove_if(m_arrRetiredRecords.begin(), m_arrRetiredRecords.end(),

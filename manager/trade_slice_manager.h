@@ -262,6 +262,14 @@ class CTradeSliceManager : public CBaseDataEventReceiver,
   CMapStringToPtr m_mapSliceAllBatches; // batch timer id text -> CStringArray* of commands
   CMapStringToPtr m_mapWaitOpenOrders;  // level key -> stcWaitOrder*
   CMapStringToPtr m_mapLevelKeyToOrderData;  // level key -> owned order record (parents and children)
+  // Moves on whenever m_mapLevelKeyToOrderData loses a key or gives a key
+  // another record, so that a record found there earlier may be used again
+  // only while it stands still (the fill handler's sibling walk). Changed
+  // and read under the order mutex, through the two functions below.
+  uint64_t m_nOrderDataVersion = 1;
+  // SetAt; returns the record the key held before (null: none).
+  void* SetOrderData(const CString& level_key, CBaseData* record);
+  void RemoveOrderData(const CString& level_key);
   CMapStringToPtr m_mapStartVolume;     // level key -> traded volume (int64 in the slot) when watched
   CMapStringToPtr m_mapSessionTimes;    // security key -> std::vector<stcOCTime>*
   CSyncMapStringToString m_mapSliceIDToLevelKey;  // slice id -> parent level key

@@ -199,13 +199,20 @@ void CTradeSliceManager::OnChildOrderUpdate(CBaseData* record) {
   const std::wstring_view parent_view(parent_key.wstr());
   bool passed = true;
   // The order mutex is held for the whole walk (order_guard), so it is not
-  // taken again for each sibling.
-  siblings.ForEachPiece([&](std::wstring_view sibling) {
+  // taken again for each sibling. A sibling's record found on an earlier
+  // fill is used again while the registry has not changed since: a parent
+  // with many children would otherwise look every one of them up again on
+  // every fill.
+  siblings.ForEachKey([&](std::wstring_view sibling, SliceChildren::Found* found) {
     if (!passed || sibling == own_key || sibling == parent_view) return;
     void* sibling_slot = nullptr;
-    if (m_mapLevelKeyToOrderData.Lookup(sibling, sibling_slot) && sibling_slot != nullptr) {
-      static_cast<CBaseData*>(sibling_slot)->GetLong(L"ExecType", INT32_MIN);
+    if (found != nullptr && found->version == m_nOrderDataVersion) {
+      sibling_slot = found->record;
+    } else if (m_mapLevelKeyToOrderData.Lookup(sibling, sibling_slot) && found != nullptr && sibling_slot != nullptr) {
+      found->record = sibling_slot;
+      found->version = m_nOrderDataVersion;
     }
+    if (sibling_slot != nullptr) static_cast<CBaseData*>(sibling_slot)->GetLong(L"ExecType", INT32_MIN);
     // The check looks at this update's own ExecType, not the sibling's, so it
     // always passes; it is kept as it is.
     if (!IsFinalGroup(exec_type)) passed = false;

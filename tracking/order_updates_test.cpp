@@ -1,3 +1,4 @@
+#include <atomic>
 #include <functional>
 #include <mutex>
 
@@ -298,6 +299,47 @@ TEST_F(OrderUpdatesTest, SiblingCheckPassesEvenWhenASiblingIsStillWorking) {
   ASSERT_EQ(listed, L"C1,C2");
   Update(first, {{L"ExecType", I4(3)}, {L"CumQty", I4(300)}, {L"LeavesQty", I4(0)}});
   EXPECT_TRUE(SliceCut());
+}
+
+// The fill handler keeps what it found for each sibling while the registry
+// stands still. A sibling the registry let go of (and freed) is not read
+// through what was kept, and a record taken in again under the same key is
+// the one read.
+TEST_F(OrderUpdatesTest, SiblingWalkReadsWhatTheRegistryHoldsAfterItChanged) {
+  Parent(1);
+  IBaseData* first = Child(L"C1");
+  Child(L"C2", {{L"ExecType", I4(8)}, {L"TimeInForce", I4(6)}});
+  IBaseData* third = Child(L"C3");
+  // C1's fill walks C2 and C3.
+  Update(first, {{L"ExecType", I4(3)}, {L"CumQty", I4(300)}, {L"LeavesQty", I4(0)}});
+  ASSERT_TRUE(SliceCut());
+  // C2's step: with ExecType 8 it leaves the registry and its record is freed.
+  peer_.TimerToOrder().SetAt(L"3001", L"C2");
+  peer_.OrderToTimer().SetAt(L"C2", L"3001");
+  manager_->OnTimer(3001);
+  void* gone = nullptr;
+  ASSERT_FALSE(peer_.OrderData().Lookup(L"C2", gone));
+
+  // C2 taken in again, on a record that counts its "ExecType" reads.
+  auto* counting = new ReadCountingObject(
+      Record(L"order", {{L"LevelKey", T(L"C2")}, {L"SliceID", T(L"S1")}, {L"SlicedType", I4(1)},
+                        {L"OriginalQty", I4(300)}, {L"CumQty", I4(0)}, {L"Symbol", T(kSymbol)}}),
+      kKindFieldByName);
+  std::atomic<int> exec_type_reads{0};
+  counting->on_read = [&exec_type_reads](const Variant& argument) {
+    if (argument.type() == VarType::BStr && argument.text() == L"ExecType") ++exec_type_reads;
+  };
+  Topic(L"TRADE.HOT.MONTH", 0, 0, L"1", I4(static_cast<int32_t>(host_.Publish(counting))));
+  CString listed;
+  peer_.SliceToListened().Text(L"S1", listed);
+  ASSERT_EQ(listed, L"C1,C2,C3,C2");
+  const int before = exec_type_reads.load();
+  // C3's fill walks C1 and both entries of C2: the freed record is not
+  // touched, the new one is read for each entry.
+  Update(third, {{L"ExecType", I4(3)}, {L"CumQty", I4(300)}, {L"LeavesQty", I4(0)}});
+  EXPECT_EQ(exec_type_reads.load() - before, 2);
+  counting->on_read = nullptr;
+  counting->Release();
 }
 
 class SystemTimeTest : public OrderUpdatesTest {

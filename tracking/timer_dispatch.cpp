@@ -112,7 +112,7 @@ void CTradeSliceManager::EndOfSlicing() {
     const CString slice_id = parent->GetString(L"SliceID");
     const int32_t sliced_type = parent->GetLong(L"SlicedType", 0);
     if (m_mapSliceAllSet.Contains(slice_id)) {
-      m_mapLevelKeyToOrderData.RemoveKey(key);
+      RemoveOrderData(key);
       m_mapOrderIndex.RemoveKey(key);
       m_mapFinishLevelKey.SetAt(key, key);
       m_mutexOrder.Unlock();
@@ -126,7 +126,7 @@ void CTradeSliceManager::EndOfSlicing() {
       // A parent of type 5 stays registered after its end, deliberately.
       if (sliced_type != 5) {
         m_mapOrderIndex.RemoveKey(key);
-        m_mapLevelKeyToOrderData.RemoveKey(key);
+        RemoveOrderData(key);
       }
       m_mapFinishLevelKey.SetAt(key, key);
       m_mutexOrder.Unlock();
@@ -333,7 +333,7 @@ void CTradeSliceManager::OrderStep(unsigned id) {
             LogFormat(L"m_mapLevelKeyToOrderData not exist:%s ,%s", key, parent_key);
           }
           if (exec_type == 8) {
-            m_mapLevelKeyToOrderData.RemoveKey(key);
+            RemoveOrderData(key);
             ReleaseRecord(record);
           }
         }
