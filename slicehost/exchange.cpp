@@ -15,9 +15,39 @@ namespace tsm::sim {
 
 namespace {
 
-// Decimal text of a number. std::to_wstring goes through the C library's
-// wide printf, which costs more than the rest of making a child's key.
-std::wstring Decimal(int64_t value) { return CString::Formatted(L"%I64d", value).wstr(); }
+// Decimal text of a number, written digit by digit: std::to_wstring and
+// the formatter both go through a wide printf, which costs more than the
+// rest of making a child's key.
+void AppendDecimal(std::wstring& out, int64_t value) {
+  wchar_t digits[24];
+  wchar_t* const end = digits + 24;
+  wchar_t* at = end;
+  uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  do {
+    *--at = static_cast<wchar_t>(L'0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  if (value < 0) *--at = L'-';
+  out.append(at, end);
+}
+
+std::wstring Decimal(int64_t value) {
+  std::wstring out;
+  AppendDecimal(out, value);
+  return out;
+}
+
+const std::wstring kOrderIdPrefix = L"X";
+const std::wstring kParentKeyPrefix = L"P";
+
+// `prefix` followed by the decimal text of `value`, made in one string.
+std::wstring PrefixedDecimal(const std::wstring& prefix, int64_t value) {
+  std::wstring out;
+  out.reserve(prefix.size() + 20);
+  out = prefix;
+  AppendDecimal(out, value);
+  return out;
+}
 
 // The keys of a new-order command that a child record is made from.
 enum NewOrderKey {
@@ -31,25 +61,35 @@ constexpr std::wstring_view kNewOrderKeyNames[kNewOrderKeys] = {
     L"SlicedType", L"GroupPrefix", L"SpreadID"};
 using CommandValues = std::array<std::wstring_view, kNewOrderKeys>;
 
-// The keys above grouped by length, so that each of the forty or so keys of
-// a command is compared with the two or three of its length only.
+// The keys above grouped by length (at most four share one), so that each
+// of the forty or so keys of a command is compared with the few of its
+// length only, and those first by their first and last letters.
 constexpr size_t kLongestNewOrderKey = 15;
-using KeysByLength = std::array<std::vector<int>, kLongestNewOrderKey + 1>;
+constexpr size_t kMostKeysOfOneLength = 4;
+struct KeysOfLength {
+  int count = 0;
+  int keys[kMostKeysOfOneLength] = {};
+};
+using KeysByLength = std::array<KeysOfLength, kLongestNewOrderKey + 1>;
 
-const KeysByLength& NewOrderKeysByLength() {
-  static const KeysByLength by_length = [] {
-    KeysByLength made;
-    for (int k = 0; k < kNewOrderKeys; ++k) made[kNewOrderKeyNames[k].size()].push_back(k);
-    return made;
-  }();
-  return by_length;
+constexpr KeysByLength MakeKeysByLength() {
+  KeysByLength made{};
+  for (int k = 0; k < kNewOrderKeys; ++k) {
+    KeysOfLength& same = made[kNewOrderKeyNames[k].size()];
+    same.keys[same.count++] = k;
+  }
+  return made;
 }
+constexpr KeysByLength kKeysByLength = MakeKeysByLength();
 
 // The index of a key above, or -1 for a key no child field comes from.
 int NewOrderKeyIndex(std::wstring_view key) {
-  if (key.empty() || key.size() > kLongestNewOrderKey) return -1;
-  for (const int k : NewOrderKeysByLength()[key.size()]) {
-    if (kNewOrderKeyNames[k] == key) return k;
+  const size_t size = key.size();
+  if (size == 0 || size > kLongestNewOrderKey) return -1;
+  const KeysOfLength& same = kKeysByLength[size];
+  for (int i = 0; i < same.count; ++i) {
+    const std::wstring_view name = kNewOrderKeyNames[same.keys[i]];
+    if (name[0] == key[0] && name[size - 1] == key[size - 1] && name == key) return same.keys[i];
   }
   return -1;
 }
@@ -59,17 +99,21 @@ int NewOrderKeyIndex(std::wstring_view key) {
 CommandValues SplitNewOrder(std::wstring_view line) {
   CommandValues values;
   std::array<bool, kNewOrderKeys> seen{};
-  for (size_t at = 0; at <= line.size();) {
-    size_t end = line.find(L',', at);
-    if (end == std::wstring_view::npos) end = line.size();
-    const size_t equals = line.find(L'=', at);
-    if (equals != std::wstring_view::npos && equals < end) {
-      const int k = NewOrderKeyIndex(line.substr(at, equals - at));
+  const wchar_t* at = line.data();
+  const wchar_t* const stop = at + line.size();
+  for (;;) {
+    const wchar_t* end = std::wmemchr(at, L',', static_cast<size_t>(stop - at));
+    if (end == nullptr) end = stop;
+    // The first '=' of this pair only.
+    const wchar_t* equals = std::wmemchr(at, L'=', static_cast<size_t>(end - at));
+    if (equals != nullptr) {
+      const int k = NewOrderKeyIndex(std::wstring_view(at, static_cast<size_t>(equals - at)));
       if (k >= 0 && !seen[k]) {
         seen[k] = true;
-        values[k] = line.substr(equals + 1, end - equals - 1);
+        values[k] = std::wstring_view(equals + 1, static_cast<size_t>(end - equals - 1));
       }
     }
+    if (end == stop) break;
     at = end + 1;
   }
   return values;
@@ -286,7 +330,7 @@ SimExchange::NewParent SimExchange::BookParent(const FieldList& fields, int64_t 
   auto* order = new Entry;
   std::lock_guard<std::mutex> guard(lock_);
   if (level_key.empty()) {
-    level_key = L"P" + Decimal(next_parent_++);
+    level_key = PrefixedDecimal(kParentKeyPrefix, next_parent_++);
     all.emplace_back(L"LevelKey", Variant::Text(level_key));
   }
   if (orders_.count(level_key) != 0) {
@@ -457,7 +501,7 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
   int64_t delivery_delay;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    level_key = level_key_prefix_ + Decimal(next_child_++);
+    level_key = PrefixedDecimal(level_key_prefix_, next_child_++);
     order->behaviour = BehaviourFor(symbol);
     delivery_delay = order->behaviour.delivery_delay_ms;
   }
@@ -504,7 +548,7 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
   {
     std::lock_guard<std::mutex> guard(lock_);
     orders_[level_key] = order;
-    arrival_.push_back(level_key);
+    arrival_.push_back(order);
     ParentAccount& account = AccountFor(slice_id);
     ++account.children_sent;
     account.qty_sent += qty;
@@ -516,7 +560,7 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
     Record("ExchangeNew", level_key, -1,
            L"SliceID=" + slice_id + L",Symbol=" + symbol + L",Qty=" + Decimal(qty));
   }
-  loop_.Post(delivery_delay, [this, level_key] { Deliver(level_key); });
+  loop_.Post(delivery_delay, [this, order] { Deliver(order); });
 }
 
 void SimExchange::OnFailOrder(const std::wstring& command) {
@@ -567,9 +611,9 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
   const int32_t sliced_type = SimHost::ReadI4(object, L"SlicedType", 0);
   bool work = false;
   int64_t ack_delay = 0;
+  Entry* order;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    Entry* order;
     auto it = orders_.find(level_key);
     if (it != orders_.end()) {
       order = it->second;
@@ -593,7 +637,7 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
     order->view.delivered = true;
     order->view.cookie = static_cast<uint32_t>(data->i4());
     order->view.order_index = WToL(text);
-    arrival_.push_back(level_key);
+    arrival_.push_back(order);
     ParentAccount& account = AccountFor(slice_id);
     account.parent_level_key = level_key;
     account.final_portion = true;
@@ -607,7 +651,7 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
     Record("ExchangeFinal", level_key, -1,
            L"SliceID=" + slice_id + L",Qty=" + Decimal(qty) + (work ? L"" : L",Held=1"));
   }
-  if (work) loop_.Post(ack_delay, [this, level_key] { Acknowledge(level_key); });
+  if (work) loop_.Post(ack_delay, [this, order] { Acknowledge(order); });
 }
 
 void SimExchange::OnTransfer(const Variant* data) {
@@ -645,52 +689,45 @@ void SimExchange::OnParentCancel(const std::wstring& topic, const std::wstring& 
 
 // ---- Working an order on the loop ----------------------------------------
 
-void SimExchange::Deliver(const std::wstring& level_key) {
-  std::shared_ptr<IBaseData> record;
+void SimExchange::Deliver(Entry* order) {
+  IBaseData* record;
   INordaManager* manager;
   bool lock_set;
   int64_t ack_delay;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it == orders_.end()) return;
-    record = Hold(it->second->record);
+    record = order->record;
     manager = manager_;
     lock_set = lock_order_set_on_add_;
-    ack_delay = it->second->behaviour.ack_delay_ms;
+    ack_delay = order->behaviour.ack_delay_ms;
   }
   int32_t index = -1;
-  const uint32_t cookie = PlaceInOrderSet(record.get(), manager, lock_set, &index);
+  const uint32_t cookie = PlaceInOrderSet(record, manager, lock_set, &index);
   {
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it != orders_.end()) {
-      it->second->view.cookie = cookie;
-      it->second->view.order_index = index;
-      it->second->view.delivered = true;
-    }
+    order->view.cookie = cookie;
+    order->view.order_index = index;
+    order->view.delivered = true;
   }
   Variant data = Variant::I4(static_cast<int32_t>(cookie));
   if (manager != nullptr) manager->SetTopic(L"TRADE.HOT.MONTH", 0, 0, Decimal(index), &data);
-  loop_.Post(ack_delay, [this, level_key] { Acknowledge(level_key); });
+  loop_.Post(ack_delay, [this, order] { Acknowledge(order); });
 }
 
-void SimExchange::Acknowledge(const std::wstring& level_key) {
-  std::shared_ptr<IBaseData> record;
+void SimExchange::Acknowledge(Entry* order) {
+  IBaseData* record = nullptr;
   std::wstring order_id;
   int32_t exec_type;
   int64_t fill_delay = 0;
   bool fill = false;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it == orders_.end() || it->second->view.done) return;
-    Entry* order = it->second;
+    if (order->view.done) return;
     if (order->behaviour.reject) {
       exec_type = codes_.rejected;
     } else {
       exec_type = codes_.acknowledged;
-      order_id = L"X" + Decimal(next_order_id_++);
+      order_id = PrefixedDecimal(kOrderIdPrefix, next_order_id_++);
       order->view.order_id = order_id;
       order->view.last_exec_type = exec_type;
       if (!order->view.final_portion) ++AccountFor(order->view.slice_id).children_acknowledged;
@@ -699,51 +736,58 @@ void SimExchange::Acknowledge(const std::wstring& level_key) {
       order->fill_steps_left = std::max(1, order->behaviour.fill_steps);
       fill = order->fill_target > 0;
       fill_delay = order->behaviour.fill_delay_ms;
-      record = Hold(order->record);
+      record = order->record;
     }
   }
-  if (!record) {
-    EndWith(level_key, exec_type, "ExchangeReject");
+  if (record == nullptr) {
+    EndWith(order->view.level_key, exec_type, "ExchangeReject");
     return;
   }
   // Announced before the write: the manager hears the write on another
   // thread at once, and a transcript must show cause before reaction.
-  if (host_.KeepsEvents()) Record("ExchangeAck", level_key, exec_type, L"OrderID=" + order_id);
-  WriteFields(record.get(), {{ChildField::kExecType, Variant::I4(exec_type)},
-                             {ChildField::kOrderId, Variant::Text(order_id)}});
-  if (fill) loop_.Post(fill_delay, [this, level_key] { ScheduledFill(level_key); });
+  if (host_.KeepsEvents()) Record("ExchangeAck", order->view.level_key, exec_type, L"OrderID=" + order_id);
+  WriteFields(record, {{ChildField::kExecType, Variant::I4(exec_type)},
+                       {ChildField::kOrderId, Variant::Text(std::move(order_id))}});
+  if (fill) loop_.Post(fill_delay, [this, order] { ScheduledFill(order); });
 }
 
-void SimExchange::ScheduledFill(const std::wstring& level_key) {
+void SimExchange::ScheduledFill(Entry* order) {
   int64_t chunk = 0;
   int64_t fill_delay = 0;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it == orders_.end() || it->second->view.done) return;
-    Entry* order = it->second;
+    if (order->view.done) return;
     const int64_t remaining = order->fill_target - order->view.cum_qty;
     if (remaining <= 0 || order->fill_steps_left <= 0) return;
     chunk = order->fill_steps_left == 1 ? remaining : std::max<int64_t>(1, remaining / order->fill_steps_left);
     --order->fill_steps_left;
     fill_delay = order->behaviour.fill_delay_ms;
   }
-  if (ApplyFill(level_key, chunk)) {
-    loop_.Post(fill_delay, [this, level_key] { ScheduledFill(level_key); });
+  if (ApplyFill(order, chunk)) {
+    loop_.Post(fill_delay, [this, order] { ScheduledFill(order); });
   }
 }
 
 bool SimExchange::ApplyFill(const std::wstring& level_key, int64_t qty) {
-  std::shared_ptr<IBaseData> record;
+  Entry* order;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto it = orders_.find(level_key);
+    if (it == orders_.end()) return false;
+    order = it->second;
+  }
+  return ApplyFill(order, qty);
+}
+
+bool SimExchange::ApplyFill(Entry* order, int64_t qty) {
+  IBaseData* record;
   int32_t exec_type;
   int64_t cum;
   int64_t leaves;
   bool more;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it == orders_.end() || it->second->view.done) return false;
-    Entry* order = it->second;
+    if (order->view.done) return false;
     const int64_t fill = std::clamp<int64_t>(qty, 0, order->view.leaves_qty);
     if (fill <= 0) return false;
     order->view.cum_qty += fill;
@@ -764,16 +808,16 @@ bool SimExchange::ApplyFill(const std::wstring& level_key, int64_t qty) {
       }
     }
     more = leaves > 0 && cum < order->fill_target && order->fill_steps_left > 0;
-    record = Hold(order->record);
+    record = order->record;
   }
   if (host_.KeepsEvents()) {
-    Record("ExchangeFill", level_key, exec_type,
+    Record("ExchangeFill", order->view.level_key, exec_type,
            L"Fill=" + Decimal(qty) + L",CumQty=" + Decimal(cum) + L",LeavesQty=" +
                Decimal(leaves));
   }
-  WriteFields(record.get(), {{ChildField::kExecType, Variant::I4(exec_type)},
-                             {ChildField::kCumQty, QuantityValue(cum)},
-                             {ChildField::kLeavesQty, QuantityValue(leaves)}});
+  WriteFields(record, {{ChildField::kExecType, Variant::I4(exec_type)},
+                       {ChildField::kCumQty, QuantityValue(cum)},
+                       {ChildField::kLeavesQty, QuantityValue(leaves)}});
   return more;
 }
 
@@ -838,7 +882,8 @@ std::optional<ExchangeOrder> SimExchange::Order(const std::wstring& level_key) c
 std::vector<ExchangeOrder> SimExchange::Orders() const {
   std::lock_guard<std::mutex> guard(lock_);
   std::vector<ExchangeOrder> orders;
-  for (const std::wstring& key : arrival_) orders.push_back(orders_.at(key)->view);
+  orders.reserve(arrival_.size());
+  for (const Entry* order : arrival_) orders.push_back(order->view);
   return orders;
 }
 
