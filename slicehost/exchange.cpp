@@ -171,6 +171,26 @@ void WriteTradedVolume(IBaseData* quote, int64_t volume) {
   quote->EndUpdate(update);
 }
 
+// A parent's record holding `fields` (and "LevelKey" = `*level_key` after
+// them when given), as one batch write into a new record would leave it.
+// Nobody listens to it before it is handed over, so it is made with its
+// fields in one step; a field written empty, which a batch write takes as
+// "remove", makes it the long way.
+IBaseData* NewParentRecord(const FieldList& fields, const std::wstring* level_key) {
+  const bool any_empty =
+      std::any_of(fields.begin(), fields.end(), [](const auto& field) { return field.second.IsEmpty(); });
+  if (any_empty) {
+    FieldList all = fields;
+    if (level_key != nullptr) all.emplace_back(L"LevelKey", Variant::Text(*level_key));
+    return SimHost::NewRecord(L"order", all);
+  }
+  std::vector<TsmField> made;
+  made.reserve(fields.size() + 1);
+  for (const auto& [name, value] : fields) made.push_back(TsmField{name.c_str(), value});
+  if (level_key != nullptr) made.push_back(TsmField{L"LevelKey", Variant::Text(*level_key)});
+  return TsmCreateBaseDataWithFields(L"order", made.data(), static_cast<int32_t>(made.size()));
+}
+
 }  // namespace
 
 std::wstring CommandValue(const std::wstring& line, const std::wstring& key) {
@@ -316,22 +336,26 @@ void SimExchange::SendTopicNow(const std::wstring& topic, int32_t param2, const 
 }
 
 SimExchange::NewParent SimExchange::BookParent(const FieldList& fields, int64_t delay_ms) {
-  FieldList all = fields;
   std::wstring level_key;
   std::wstring slice_id;
   std::wstring symbol;
-  for (const auto& [name, value] : fields) {
+  auto as_text = [](const Variant& value) {
+    if (value.type() == VarType::BStr) return value.text();
     Variant text = value;
     text.ChangeTypeToText();
-    if (name == L"LevelKey") level_key = text.text();
-    if (name == L"SliceID") slice_id = text.text();
-    if (name == L"Symbol") symbol = text.text();
+    return text.text();
+  };
+  for (const auto& [name, value] : fields) {
+    if (name == L"LevelKey") level_key = as_text(value);
+    if (name == L"SliceID") slice_id = as_text(value);
+    if (name == L"Symbol") symbol = as_text(value);
   }
   auto* order = new Entry;
+  bool generated_key = false;
   std::lock_guard<std::mutex> guard(lock_);
   if (level_key.empty()) {
     level_key = PrefixedDecimal(kParentKeyPrefix, next_parent_++);
-    all.emplace_back(L"LevelKey", Variant::Text(level_key));
+    generated_key = true;
   }
   if (orders_.count(level_key) != 0) {
     delete order;
@@ -343,7 +367,7 @@ SimExchange::NewParent SimExchange::BookParent(const FieldList& fields, int64_t 
   order->view.symbol = symbol;
   order->parent = true;
   order->behaviour = BehaviourFor(symbol);
-  order->record = SimHost::NewRecord(L"order", all);
+  order->record = NewParentRecord(fields, generated_key ? &level_key : nullptr);
   orders_[level_key] = order;
   if (!slice_id.empty()) {
     ParentAccount& account = AccountFor(slice_id);
@@ -493,72 +517,71 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
   const CommandValues values = SplitNewOrder(command);
   auto text = [&values](NewOrderKey key) { return Variant::Text(std::wstring(values[key])); };
   auto i4 = [&values](NewOrderKey key) { return Variant::I4(WToL(values[key])); };
+  auto name = [](ChildField field) { return kChildFieldTexts[static_cast<size_t>(field)]; };
   const int64_t qty = WToI64(values[kQty]);
-  const std::wstring slice_id(values[kSlicedId]);
-  const std::wstring symbol(values[kSymbol]);
   auto* order = new Entry;
-  std::wstring level_key;
+  ExchangeOrder& view = order->view;
+  view.slice_id.assign(values[kSlicedId]);
+  view.symbol.assign(values[kSymbol]);
+  view.qty = qty;
+  view.leaves_qty = qty;
+  if (host_.KeepsEvents()) view.command = command;
   int64_t delivery_delay;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    level_key = PrefixedDecimal(level_key_prefix_, next_child_++);
-    order->behaviour = BehaviourFor(symbol);
+    view.level_key = PrefixedDecimal(level_key_prefix_, next_child_++);
+    order->behaviour = BehaviourFor(view.symbol);
     delivery_delay = order->behaviour.delivery_delay_ms;
   }
   {
     // Made with its fields in one step, as the platform makes its order
-    // records: the record is nobody's to listen to yet.
-    std::array<TsmField, static_cast<size_t>(ChildField::kCount)> fields;
-    size_t count = 0;
-    auto set = [&fields, &count](ChildField field, Variant value) {
-      fields[count++] = TsmField{kChildFieldTexts[static_cast<size_t>(field)], std::move(value)};
+    // records: the record is nobody's to listen to yet. The fields are made
+    // in place, in the order of ChildField; "SlicedType" comes last and only
+    // when the command carries one.
+    TsmField fields[] = {
+        {name(ChildField::kLevelKey), Variant::Text(view.level_key)},
+        {name(ChildField::kSymbol), Variant::Text(view.symbol)},
+        {name(ChildField::kSide), text(kSide)},
+        {name(ChildField::kAccount), text(kAccount)},
+        {name(ChildField::kSecurityType), text(kType)},
+        {name(ChildField::kBrokerId), text(kBrokerId)},
+        {name(ChildField::kPrice), Variant::I8(WToI64(values[kPrice]))},
+        {name(ChildField::kPriceString), text(kPriceString)},
+        {name(ChildField::kOrderType), i4(kOrderType)},
+        {name(ChildField::kTimeInForce), i4(kTimeInForce)},
+        {name(ChildField::kOriginalQty), QuantityValue(qty)},
+        {name(ChildField::kOrderQty), QuantityValue(qty)},
+        {name(ChildField::kLeavesQty), QuantityValue(qty)},
+        {name(ChildField::kCumQty), Variant::I4(0)},
+        {name(ChildField::kOrderId), Variant::Text(std::wstring())},
+        {name(ChildField::kSliceId), Variant::Text(view.slice_id)},
+        {name(ChildField::kGroupId), text(kGroupId)},
+        {name(ChildField::kGroupType), i4(kGroupType)},
+        {name(ChildField::kGroupPrefix), text(kGroupPrefix)},
+        {name(ChildField::kConsecutive), i4(kConsecutive)},
+        {name(ChildField::kNumberOfRetries), i4(kNumberOfRetries)},
+        {name(ChildField::kRetryInterval), i4(kRetryInterval)},
+        {name(ChildField::kSpreadId), text(kSpreadId)},
+        {name(ChildField::kSlicedType), values[kSlicedType].empty() ? Variant() : i4(kSlicedType)},
     };
-    set(ChildField::kLevelKey, Variant::Text(level_key));
-    set(ChildField::kSymbol, Variant::Text(symbol));
-    set(ChildField::kSide, text(kSide));
-    set(ChildField::kAccount, text(kAccount));
-    set(ChildField::kSecurityType, text(kType));
-    set(ChildField::kBrokerId, text(kBrokerId));
-    set(ChildField::kPrice, Variant::I8(WToI64(values[kPrice])));
-    set(ChildField::kPriceString, text(kPriceString));
-    set(ChildField::kOrderType, i4(kOrderType));
-    set(ChildField::kTimeInForce, i4(kTimeInForce));
-    set(ChildField::kOriginalQty, QuantityValue(qty));
-    set(ChildField::kOrderQty, QuantityValue(qty));
-    set(ChildField::kLeavesQty, QuantityValue(qty));
-    set(ChildField::kCumQty, Variant::I4(0));
-    set(ChildField::kOrderId, Variant::Text(std::wstring()));
-    set(ChildField::kSliceId, Variant::Text(slice_id));
-    set(ChildField::kGroupId, text(kGroupId));
-    set(ChildField::kGroupType, i4(kGroupType));
-    set(ChildField::kGroupPrefix, text(kGroupPrefix));
-    set(ChildField::kConsecutive, i4(kConsecutive));
-    set(ChildField::kNumberOfRetries, i4(kNumberOfRetries));
-    set(ChildField::kRetryInterval, i4(kRetryInterval));
-    set(ChildField::kSpreadId, text(kSpreadId));
-    if (!values[kSlicedType].empty()) set(ChildField::kSlicedType, i4(kSlicedType));
-    order->record = TsmCreateBaseDataWithFields(L"order", fields.data(), static_cast<int32_t>(count));
+    static_assert(std::size(fields) == static_cast<size_t>(ChildField::kExecType));
+    const size_t count = values[kSlicedType].empty() ? std::size(fields) - 1 : std::size(fields);
+    order->record = TsmCreateBaseDataWithFields(L"order", fields, static_cast<int32_t>(count));
   }
-  order->view.level_key = level_key;
-  order->view.slice_id = slice_id;
-  order->view.symbol = symbol;
-  if (host_.KeepsEvents()) order->view.command = command;
-  order->view.qty = qty;
-  order->view.leaves_qty = qty;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    orders_[level_key] = order;
+    orders_[view.level_key] = order;
     arrival_.push_back(order);
-    ParentAccount& account = AccountFor(slice_id);
+    ParentAccount& account = AccountFor(view.slice_id);
     ++account.children_sent;
     account.qty_sent += qty;
     if (account.start_ms < 0) account.start_ms = host_.ElapsedMs();
-    account.children.push_back(level_key);
+    account.children.push_back(view.level_key);
     account.child_qtys.push_back(qty);
   }
   if (host_.KeepsEvents()) {
-    Record("ExchangeNew", level_key, -1,
-           L"SliceID=" + slice_id + L",Symbol=" + symbol + L",Qty=" + Decimal(qty));
+    Record("ExchangeNew", view.level_key, -1,
+           L"SliceID=" + view.slice_id + L",Symbol=" + view.symbol + L",Qty=" + Decimal(qty));
   }
   loop_.Post(delivery_delay, [this, order] { Deliver(order); });
 }

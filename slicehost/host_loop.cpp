@@ -32,7 +32,7 @@ void HostLoop::ArmForEarliest() {
     }
     return;
   }
-  const int64_t earliest = actions_.begin()->first.first;
+  const int64_t earliest = actions_.front().due;
   if (armed_due_ >= 0 && armed_due_ <= earliest) return;
   wait_->Arm(std::max<int64_t>(0, earliest - now), 0);
   armed_due_ = earliest;
@@ -46,7 +46,8 @@ uint64_t HostLoop::Post(int64_t delay_ms, Action action) {
   }
   const uint64_t sequence = next_sequence_++;
   const int64_t due = clock_.NowMs() + std::max<int64_t>(0, delay_ms);
-  actions_.emplace(Key{due, sequence}, std::move(action));
+  actions_.push_back(Waiting{due, sequence, std::move(action)});
+  std::push_heap(actions_.begin(), actions_.end(), RunsLater);
   ArmForEarliest();
   return sequence;
 }
@@ -97,9 +98,10 @@ void HostLoop::Run() {
     armed_due_ = -1;
     for (;;) {
       if (stopping_) return;
-      if (actions_.empty() || actions_.begin()->first.first > clock_.NowMs()) break;
-      Action action = std::move(actions_.begin()->second);
-      actions_.erase(actions_.begin());
+      if (actions_.empty() || actions_.front().due > clock_.NowMs()) break;
+      std::pop_heap(actions_.begin(), actions_.end(), RunsLater);
+      Action action = std::move(actions_.back().action);
+      actions_.pop_back();
       guard.unlock();
       action();
       action = nullptr;
@@ -131,7 +133,7 @@ void HostLoop::Stop() {
     wait_.reset();
   }
   // Dropped actions release what they hold outside the lock.
-  std::map<Key, Action> dropped;
+  std::vector<Waiting> dropped;
   {
     std::lock_guard<std::mutex> guard(lock_);
     dropped.swap(actions_);
@@ -168,7 +170,7 @@ uint64_t HostLoop::ActionsDropped() const {
 
 int64_t HostLoop::NextDueMs() const {
   std::lock_guard<std::mutex> guard(lock_);
-  return actions_.empty() ? -1 : actions_.begin()->first.first;
+  return actions_.empty() ? -1 : actions_.front().due;
 }
 
 }  // namespace tsm::sim

@@ -26,12 +26,12 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "slicehost/sim_host.h"
 #include "tradeslice/clock.h"
@@ -95,7 +95,16 @@ class HostLoop {
   int64_t NextDueMs() const;
 
  private:
-  using Key = std::pair<int64_t, uint64_t>;  // due time, sequence
+  // A waiting action; they run by due time, then in the order posted.
+  struct Waiting {
+    int64_t due;
+    uint64_t sequence;
+    Action action;
+  };
+  // Orders the heap below so that its front is the action to run first.
+  static bool RunsLater(const Waiting& a, const Waiting& b) {
+    return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
+  }
 
   void Run();
   // Arms the timer for the earliest waiting action when it is not armed for
@@ -106,7 +115,7 @@ class HostLoop {
   std::unique_ptr<ITimerWait> wait_;
   mutable std::mutex lock_;         // guards every member below
   std::condition_variable ran_;     // signalled after each action, for PostAndWait
-  std::map<Key, Action> actions_;   // waiting actions, in the order they run
+  std::vector<Waiting> actions_;    // waiting actions, a heap by RunsLater (no allocation per action)
   uint64_t next_sequence_ = 1;
   int64_t armed_due_ = -1;          // clock time the timer is armed for; -1: idle
   bool stopping_ = false;
