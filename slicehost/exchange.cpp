@@ -495,20 +495,21 @@ void SimExchange::SetSystemTime(int32_t date_yyyymmdd, int32_t time_hhmmss, int3
 
 void SimExchange::OnSend(const std::wstring& topic, int32_t /*param1*/, int32_t /*param2*/, const std::wstring& text,
                          Variant* data) {
-  if (topic == L"TRADE.NEWORDER") {
+  using namespace std::string_view_literals;  // compares lengths before letters
+  if (topic == L"TRADE.NEWORDER"sv) {
     OnNewOrder(text);
-  } else if (topic == L"TRADE.FAILORDER") {
+  } else if (topic == L"TRADE.FAILORDER"sv) {
     OnFailOrder(text);
-  } else if (topic == L"TRADE.CANCELORDER") {
+  } else if (topic == L"TRADE.CANCELORDER"sv) {
     OnEndRequest(text, EndRequest::kCancel);
-  } else if (topic == L"TRADE.REPLACEORDER") {
+  } else if (topic == L"TRADE.REPLACEORDER"sv) {
     OnEndRequest(text, EndRequest::kReplace);
-  } else if (topic == L"TRADE.HOT.MONTH") {
+  } else if (topic == L"TRADE.HOT.MONTH"sv) {
     OnFinalPortion(text, data);
-  } else if (topic == L"TRADE.TRANSFER.POSITION") {
+  } else if (topic == L"TRADE.TRANSFER.POSITION"sv) {
     OnTransfer(data);
-  } else if (topic == L"TRADE.PRICE.TRIGGER.CANCEL" || topic == L"TRADE.CHASE.PRICE.CANCEL" ||
-             topic == L"TRADE.SPREAD.MANAGER.CANCEL") {
+  } else if (topic == L"TRADE.PRICE.TRIGGER.CANCEL"sv || topic == L"TRADE.CHASE.PRICE.CANCEL"sv ||
+             topic == L"TRADE.SPREAD.MANAGER.CANCEL"sv) {
     OnParentCancel(topic, text, data);
   }
 }
@@ -733,7 +734,8 @@ void SimExchange::Deliver(Entry* order) {
     order->view.delivered = true;
   }
   Variant data = Variant::I4(static_cast<int32_t>(cookie));
-  if (manager != nullptr) manager->SetTopic(L"TRADE.HOT.MONTH", 0, 0, Decimal(index), &data);
+  static const std::wstring kDelivered = L"TRADE.HOT.MONTH";
+  if (manager != nullptr) manager->SetTopic(kDelivered, 0, 0, Decimal(index), &data);
   loop_.Post(ack_delay, [this, order] { Acknowledge(order); });
 }
 

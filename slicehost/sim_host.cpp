@@ -108,8 +108,9 @@ HResult SimHost::SendTopic(const std::wstring& topic, int32_t param1, int32_t pa
   NoteCaller();
   RecordTopicCall("SendTopic", topic, param1, param2, text, data);
 
-  if (topic == L"MARZIPAN.REQUEST" && data != nullptr) {
-    if (text == L"STKINFO" && data->type() == VarType::BStr) {
+  using namespace std::string_view_literals;  // compares lengths before letters
+  if (data != nullptr && topic == L"MARZIPAN.REQUEST"sv) {
+    if (text == L"STKINFO"sv && data->type() == VarType::BStr) {
       std::wstring security;
       {
         std::lock_guard<std::mutex> guard(lock_);
