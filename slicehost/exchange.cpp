@@ -18,9 +18,10 @@ namespace {
 // Decimal text of a number, written digit by digit: std::to_wstring and
 // the formatter both go through a wide printf, which costs more than the
 // rest of making a child's key.
-void AppendDecimal(std::wstring& out, int64_t value) {
-  wchar_t digits[24];
-  wchar_t* const end = digits + 24;
+constexpr size_t kDecimalDigits = 20;  // "-9223372036854775808"
+
+// Writes the text backwards ending at `end`; returns where it starts.
+wchar_t* WriteDecimal(int64_t value, wchar_t* end) {
   wchar_t* at = end;
   uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
   do {
@@ -28,13 +29,13 @@ void AppendDecimal(std::wstring& out, int64_t value) {
     magnitude /= 10;
   } while (magnitude != 0);
   if (value < 0) *--at = L'-';
-  out.append(at, end);
+  return at;
 }
 
 std::wstring Decimal(int64_t value) {
-  std::wstring out;
-  AppendDecimal(out, value);
-  return out;
+  wchar_t digits[kDecimalDigits];
+  wchar_t* const end = digits + kDecimalDigits;
+  return std::wstring(WriteDecimal(value, end), end);
 }
 
 const std::wstring kOrderIdPrefix = L"X";
@@ -42,10 +43,12 @@ const std::wstring kParentKeyPrefix = L"P";
 
 // `prefix` followed by the decimal text of `value`, made in one string.
 std::wstring PrefixedDecimal(const std::wstring& prefix, int64_t value) {
+  wchar_t digits[kDecimalDigits];
+  wchar_t* const end = digits + kDecimalDigits;
+  const wchar_t* const start = WriteDecimal(value, end);
   std::wstring out;
-  out.reserve(prefix.size() + 20);
-  out = prefix;
-  AppendDecimal(out, value);
+  out.reserve(prefix.size() + static_cast<size_t>(end - start));
+  out.append(prefix).append(start, static_cast<size_t>(end - start));
   return out;
 }
 
@@ -214,6 +217,7 @@ struct SimExchange::Entry {
   SymbolBehaviour behaviour;
   int64_t fill_target = 0;      // quantity the scheduled fills reach
   int32_t fill_steps_left = 0;
+  ParentAccount* account = nullptr;  // its slice id's account once looked up (accounts stay put)
 };
 
 SimExchange::SimExchange(SimHost& host, HostLoop& loop, IClock& clock, INordaManager* manager)
@@ -286,6 +290,11 @@ ParentAccount& SimExchange::AccountFor(const std::wstring& slice_id) {
   ParentAccount& account = accounts_[slice_id];
   account.slice_id = slice_id;
   return account;
+}
+
+ParentAccount& SimExchange::AccountOf(Entry* order) {
+  if (order->account == nullptr) order->account = &AccountFor(order->view.slice_id);
+  return *order->account;
 }
 
 void SimExchange::Record(const char* ev, const std::wstring& level_key, int32_t exec_type, const std::wstring& text) {
@@ -573,7 +582,7 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
     std::lock_guard<std::mutex> guard(lock_);
     orders_[view.level_key] = order;
     arrival_.push_back(order);
-    ParentAccount& account = AccountFor(view.slice_id);
+    ParentAccount& account = AccountOf(order);
     ++account.children_sent;
     account.qty_sent += qty;
     if (account.start_ms < 0) account.start_ms = host_.ElapsedMs();
@@ -755,7 +764,7 @@ void SimExchange::Acknowledge(Entry* order) {
       order_id = PrefixedDecimal(kOrderIdPrefix, next_order_id_++);
       order->view.order_id = order_id;
       order->view.last_exec_type = exec_type;
-      if (!order->view.final_portion) ++AccountFor(order->view.slice_id).children_acknowledged;
+      if (!order->view.final_portion) ++AccountOf(order).children_acknowledged;
       const int32_t percent = std::clamp(order->behaviour.fill_percent, 0, 100);
       order->fill_target = order->view.qty * percent / 100;
       order->fill_steps_left = std::max(1, order->behaviour.fill_steps);
@@ -821,7 +830,7 @@ bool SimExchange::ApplyFill(Entry* order, int64_t qty) {
     leaves = order->view.leaves_qty;
     exec_type = leaves == 0 ? codes_.filled : codes_.partially_filled;
     order->view.last_exec_type = exec_type;
-    ParentAccount& account = AccountFor(order->view.slice_id);
+    ParentAccount& account = AccountOf(order);
     account.qty_filled += fill;
     if (leaves == 0) {
       order->view.done = true;
@@ -858,7 +867,7 @@ void SimExchange::EndWith(const std::wstring& level_key, int32_t exec_type, cons
       order->view.done = true;
       order->view.leaves_qty = 0;
       order->view.last_exec_type = exec_type;
-      ParentAccount& account = AccountFor(order->view.slice_id);
+      ParentAccount& account = AccountOf(order);
       if (name == "ExchangeCancel") {
         ++account.children_cancelled;
       } else if (name == "ExchangeReplace") {

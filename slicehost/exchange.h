@@ -232,6 +232,7 @@ class SimExchange {
 
   SymbolBehaviour BehaviourFor(const std::wstring& symbol) const;  // under lock_
   ParentAccount& AccountFor(const std::wstring& slice_id);          // under lock_
+  ParentAccount& AccountOf(Entry* order);                           // under lock_: its slice id's
   void OnNewOrder(const std::wstring& command);
   void OnFailOrder(const std::wstring& command);
   // "TRADE.CANCELORDER" and "TRADE.REPLACEORDER": both end a working child
