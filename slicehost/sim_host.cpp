@@ -83,7 +83,12 @@ HResult SimHost::RegisterTopic(const std::wstring& topic, Variant* result) {
 // The host loop, the event thread and the clock's driver have entered the
 // ledger already; any other thread calling the host is one of the manager's
 // own (a timer's, mostly).
-void SimHost::NoteCaller() { ThreadCpuLedger::Instance().Note(ThreadClass::kTimer); }
+void SimHost::NoteCaller() {
+  // Once entered, a thread is not looked at again: the host is called on
+  // every request.
+  thread_local bool entered = false;
+  if (!entered) entered = ThreadCpuLedger::Instance().Note(ThreadClass::kTimer);
+}
 
 HResult SimHost::GetTopicData(const std::wstring& topic, Variant* result) {
   NoteCaller();
