@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <string>
+#include <utility>
 
 #include "slicehost/player.h"
 #include "slicehost/scenario.h"
@@ -29,6 +30,7 @@ BenchResult RunBench(const BenchOptions& options) {
   security.source = "none";
   scenario.securities.push_back(security);
   const int32_t disclose = 100;
+  scenario.steps.reserve(static_cast<size_t>(std::max(0, options.parents)));
   for (int i = 0; i < options.parents; ++i) {
     Step step;
     step.kind = Step::Kind::kSubmit;
@@ -48,7 +50,7 @@ BenchResult RunBench(const BenchOptions& options) {
                    {L"Variance", Variant::I4(0)},
                    {L"SlicedType", Variant::I4(options.sliced_type)},
                    {L"TimeInForce", Variant::I4(6)}};
-    scenario.steps.push_back(step);
+    scenario.steps.push_back(std::move(step));
   }
   BenchResult result;
   result.parents = options.parents;
@@ -90,7 +92,7 @@ BenchResult RunBench(const BenchOptions& options) {
     result.cpu_ns[i] = cpu_end.ns[i] - cpu_start.ns[i];
     result.threads[i] = cpu_end.threads[i];
   }
-  for (const ParentAccount& account : play.exchange().Accounts()) result.children += account.children_sent;
+  result.children = play.exchange().ChildrenSent();
   result.simulated_ms = t - 999;
   result.children_per_second = result.wall_seconds > 0 ? static_cast<double>(result.children) / result.wall_seconds : 0;
   result.host_us_per_parent =

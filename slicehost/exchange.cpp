@@ -15,9 +15,42 @@ namespace tsm::sim {
 
 namespace {
 
-// Decimal text of a number. std::to_wstring goes through the C library's
-// wide printf, which costs more than the rest of making a child's key.
-std::wstring Decimal(int64_t value) { return CString::Formatted(L"%I64d", value).wstr(); }
+// Decimal text of a number, written digit by digit: std::to_wstring and
+// the formatter both go through a wide printf, which costs more than the
+// rest of making a child's key.
+constexpr size_t kDecimalDigits = 20;  // "-9223372036854775808"
+
+// Writes the text backwards ending at `end`; returns where it starts.
+wchar_t* WriteDecimal(int64_t value, wchar_t* end) {
+  wchar_t* at = end;
+  uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  do {
+    *--at = static_cast<wchar_t>(L'0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  if (value < 0) *--at = L'-';
+  return at;
+}
+
+std::wstring Decimal(int64_t value) {
+  wchar_t digits[kDecimalDigits];
+  wchar_t* const end = digits + kDecimalDigits;
+  return std::wstring(WriteDecimal(value, end), end);
+}
+
+const std::wstring kOrderIdPrefix = L"X";
+const std::wstring kParentKeyPrefix = L"P";
+
+// `prefix` followed by the decimal text of `value`, made in one string.
+std::wstring PrefixedDecimal(const std::wstring& prefix, int64_t value) {
+  wchar_t digits[kDecimalDigits];
+  wchar_t* const end = digits + kDecimalDigits;
+  const wchar_t* const start = WriteDecimal(value, end);
+  std::wstring out;
+  out.reserve(prefix.size() + static_cast<size_t>(end - start));
+  out.append(prefix).append(start, static_cast<size_t>(end - start));
+  return out;
+}
 
 // The keys of a new-order command that a child record is made from.
 enum NewOrderKey {
@@ -31,25 +64,35 @@ constexpr std::wstring_view kNewOrderKeyNames[kNewOrderKeys] = {
     L"SlicedType", L"GroupPrefix", L"SpreadID"};
 using CommandValues = std::array<std::wstring_view, kNewOrderKeys>;
 
-// The keys above grouped by length, so that each of the forty or so keys of
-// a command is compared with the two or three of its length only.
+// The keys above grouped by length (at most four share one), so that each
+// of the forty or so keys of a command is compared with the few of its
+// length only, and those first by their first and last letters.
 constexpr size_t kLongestNewOrderKey = 15;
-using KeysByLength = std::array<std::vector<int>, kLongestNewOrderKey + 1>;
+constexpr size_t kMostKeysOfOneLength = 4;
+struct KeysOfLength {
+  int count = 0;
+  int keys[kMostKeysOfOneLength] = {};
+};
+using KeysByLength = std::array<KeysOfLength, kLongestNewOrderKey + 1>;
 
-const KeysByLength& NewOrderKeysByLength() {
-  static const KeysByLength by_length = [] {
-    KeysByLength made;
-    for (int k = 0; k < kNewOrderKeys; ++k) made[kNewOrderKeyNames[k].size()].push_back(k);
-    return made;
-  }();
-  return by_length;
+constexpr KeysByLength MakeKeysByLength() {
+  KeysByLength made{};
+  for (int k = 0; k < kNewOrderKeys; ++k) {
+    KeysOfLength& same = made[kNewOrderKeyNames[k].size()];
+    same.keys[same.count++] = k;
+  }
+  return made;
 }
+constexpr KeysByLength kKeysByLength = MakeKeysByLength();
 
 // The index of a key above, or -1 for a key no child field comes from.
 int NewOrderKeyIndex(std::wstring_view key) {
-  if (key.empty() || key.size() > kLongestNewOrderKey) return -1;
-  for (const int k : NewOrderKeysByLength()[key.size()]) {
-    if (kNewOrderKeyNames[k] == key) return k;
+  const size_t size = key.size();
+  if (size == 0 || size > kLongestNewOrderKey) return -1;
+  const KeysOfLength& same = kKeysByLength[size];
+  for (int i = 0; i < same.count; ++i) {
+    const std::wstring_view name = kNewOrderKeyNames[same.keys[i]];
+    if (name[0] == key[0] && name[size - 1] == key[size - 1] && name == key) return same.keys[i];
   }
   return -1;
 }
@@ -59,17 +102,21 @@ int NewOrderKeyIndex(std::wstring_view key) {
 CommandValues SplitNewOrder(std::wstring_view line) {
   CommandValues values;
   std::array<bool, kNewOrderKeys> seen{};
-  for (size_t at = 0; at <= line.size();) {
-    size_t end = line.find(L',', at);
-    if (end == std::wstring_view::npos) end = line.size();
-    const size_t equals = line.find(L'=', at);
-    if (equals != std::wstring_view::npos && equals < end) {
-      const int k = NewOrderKeyIndex(line.substr(at, equals - at));
+  const wchar_t* at = line.data();
+  const wchar_t* const stop = at + line.size();
+  for (;;) {
+    const wchar_t* end = std::wmemchr(at, L',', static_cast<size_t>(stop - at));
+    if (end == nullptr) end = stop;
+    // The first '=' of this pair only.
+    const wchar_t* equals = std::wmemchr(at, L'=', static_cast<size_t>(end - at));
+    if (equals != nullptr) {
+      const int k = NewOrderKeyIndex(std::wstring_view(at, static_cast<size_t>(equals - at)));
       if (k >= 0 && !seen[k]) {
         seen[k] = true;
-        values[k] = line.substr(equals + 1, end - equals - 1);
+        values[k] = std::wstring_view(equals + 1, static_cast<size_t>(end - equals - 1));
       }
     }
+    if (end == stop) break;
     at = end + 1;
   }
   return values;
@@ -127,6 +174,26 @@ void WriteTradedVolume(IBaseData* quote, int64_t volume) {
   quote->EndUpdate(update);
 }
 
+// A parent's record holding `fields` (and "LevelKey" = `*level_key` after
+// them when given), as one batch write into a new record would leave it.
+// Nobody listens to it before it is handed over, so it is made with its
+// fields in one step; a field written empty, which a batch write takes as
+// "remove", makes it the long way.
+IBaseData* NewParentRecord(const FieldList& fields, const std::wstring* level_key) {
+  const bool any_empty =
+      std::any_of(fields.begin(), fields.end(), [](const auto& field) { return field.second.IsEmpty(); });
+  if (any_empty) {
+    FieldList all = fields;
+    if (level_key != nullptr) all.emplace_back(L"LevelKey", Variant::Text(*level_key));
+    return SimHost::NewRecord(L"order", all);
+  }
+  std::vector<TsmField> made;
+  made.reserve(fields.size() + 1);
+  for (const auto& [name, value] : fields) made.push_back(TsmField{name.c_str(), value});
+  if (level_key != nullptr) made.push_back(TsmField{L"LevelKey", Variant::Text(*level_key)});
+  return TsmCreateBaseDataWithFields(L"order", made.data(), static_cast<int32_t>(made.size()));
+}
+
 }  // namespace
 
 std::wstring CommandValue(const std::wstring& line, const std::wstring& key) {
@@ -150,6 +217,7 @@ struct SimExchange::Entry {
   SymbolBehaviour behaviour;
   int64_t fill_target = 0;      // quantity the scheduled fills reach
   int32_t fill_steps_left = 0;
+  ParentAccount* account = nullptr;  // its slice id's account once looked up (accounts stay put)
 };
 
 SimExchange::SimExchange(SimHost& host, HostLoop& loop, IClock& clock, INordaManager* manager)
@@ -224,6 +292,11 @@ ParentAccount& SimExchange::AccountFor(const std::wstring& slice_id) {
   return account;
 }
 
+ParentAccount& SimExchange::AccountOf(Entry* order) {
+  if (order->account == nullptr) order->account = &AccountFor(order->view.slice_id);
+  return *order->account;
+}
+
 void SimExchange::Record(const char* ev, const std::wstring& level_key, int32_t exec_type, const std::wstring& text) {
   HostEvent event;
   event.ev = ev;
@@ -272,22 +345,26 @@ void SimExchange::SendTopicNow(const std::wstring& topic, int32_t param2, const 
 }
 
 SimExchange::NewParent SimExchange::BookParent(const FieldList& fields, int64_t delay_ms) {
-  FieldList all = fields;
   std::wstring level_key;
   std::wstring slice_id;
   std::wstring symbol;
-  for (const auto& [name, value] : fields) {
+  auto as_text = [](const Variant& value) {
+    if (value.type() == VarType::BStr) return value.text();
     Variant text = value;
     text.ChangeTypeToText();
-    if (name == L"LevelKey") level_key = text.text();
-    if (name == L"SliceID") slice_id = text.text();
-    if (name == L"Symbol") symbol = text.text();
+    return text.text();
+  };
+  for (const auto& [name, value] : fields) {
+    if (name == L"LevelKey") level_key = as_text(value);
+    if (name == L"SliceID") slice_id = as_text(value);
+    if (name == L"Symbol") symbol = as_text(value);
   }
   auto* order = new Entry;
+  bool generated_key = false;
   std::lock_guard<std::mutex> guard(lock_);
   if (level_key.empty()) {
-    level_key = L"P" + Decimal(next_parent_++);
-    all.emplace_back(L"LevelKey", Variant::Text(level_key));
+    level_key = PrefixedDecimal(kParentKeyPrefix, next_parent_++);
+    generated_key = true;
   }
   if (orders_.count(level_key) != 0) {
     delete order;
@@ -299,7 +376,7 @@ SimExchange::NewParent SimExchange::BookParent(const FieldList& fields, int64_t 
   order->view.symbol = symbol;
   order->parent = true;
   order->behaviour = BehaviourFor(symbol);
-  order->record = SimHost::NewRecord(L"order", all);
+  order->record = NewParentRecord(fields, generated_key ? &level_key : nullptr);
   orders_[level_key] = order;
   if (!slice_id.empty()) {
     ParentAccount& account = AccountFor(slice_id);
@@ -427,20 +504,21 @@ void SimExchange::SetSystemTime(int32_t date_yyyymmdd, int32_t time_hhmmss, int3
 
 void SimExchange::OnSend(const std::wstring& topic, int32_t /*param1*/, int32_t /*param2*/, const std::wstring& text,
                          Variant* data) {
-  if (topic == L"TRADE.NEWORDER") {
+  using namespace std::string_view_literals;  // compares lengths before letters
+  if (topic == L"TRADE.NEWORDER"sv) {
     OnNewOrder(text);
-  } else if (topic == L"TRADE.FAILORDER") {
+  } else if (topic == L"TRADE.FAILORDER"sv) {
     OnFailOrder(text);
-  } else if (topic == L"TRADE.CANCELORDER") {
+  } else if (topic == L"TRADE.CANCELORDER"sv) {
     OnEndRequest(text, EndRequest::kCancel);
-  } else if (topic == L"TRADE.REPLACEORDER") {
+  } else if (topic == L"TRADE.REPLACEORDER"sv) {
     OnEndRequest(text, EndRequest::kReplace);
-  } else if (topic == L"TRADE.HOT.MONTH") {
+  } else if (topic == L"TRADE.HOT.MONTH"sv) {
     OnFinalPortion(text, data);
-  } else if (topic == L"TRADE.TRANSFER.POSITION") {
+  } else if (topic == L"TRADE.TRANSFER.POSITION"sv) {
     OnTransfer(data);
-  } else if (topic == L"TRADE.PRICE.TRIGGER.CANCEL" || topic == L"TRADE.CHASE.PRICE.CANCEL" ||
-             topic == L"TRADE.SPREAD.MANAGER.CANCEL") {
+  } else if (topic == L"TRADE.PRICE.TRIGGER.CANCEL"sv || topic == L"TRADE.CHASE.PRICE.CANCEL"sv ||
+             topic == L"TRADE.SPREAD.MANAGER.CANCEL"sv) {
     OnParentCancel(topic, text, data);
   }
 }
@@ -449,74 +527,73 @@ void SimExchange::OnNewOrder(const std::wstring& command) {
   const CommandValues values = SplitNewOrder(command);
   auto text = [&values](NewOrderKey key) { return Variant::Text(std::wstring(values[key])); };
   auto i4 = [&values](NewOrderKey key) { return Variant::I4(WToL(values[key])); };
+  auto name = [](ChildField field) { return kChildFieldTexts[static_cast<size_t>(field)]; };
   const int64_t qty = WToI64(values[kQty]);
-  const std::wstring slice_id(values[kSlicedId]);
-  const std::wstring symbol(values[kSymbol]);
   auto* order = new Entry;
-  std::wstring level_key;
+  ExchangeOrder& view = order->view;
+  view.slice_id.assign(values[kSlicedId]);
+  view.symbol.assign(values[kSymbol]);
+  view.qty = qty;
+  view.leaves_qty = qty;
+  if (host_.KeepsEvents()) view.command = command;
   int64_t delivery_delay;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    level_key = level_key_prefix_ + Decimal(next_child_++);
-    order->behaviour = BehaviourFor(symbol);
+    view.level_key = PrefixedDecimal(level_key_prefix_, next_child_++);
+    order->behaviour = BehaviourFor(view.symbol);
     delivery_delay = order->behaviour.delivery_delay_ms;
   }
   {
     // Made with its fields in one step, as the platform makes its order
-    // records: the record is nobody's to listen to yet.
-    std::array<TsmField, static_cast<size_t>(ChildField::kCount)> fields;
-    size_t count = 0;
-    auto set = [&fields, &count](ChildField field, Variant value) {
-      fields[count++] = TsmField{kChildFieldTexts[static_cast<size_t>(field)], std::move(value)};
+    // records: the record is nobody's to listen to yet. The fields are made
+    // in place, in the order of ChildField; "SlicedType" comes last and only
+    // when the command carries one.
+    TsmField fields[] = {
+        {name(ChildField::kLevelKey), Variant::Text(view.level_key)},
+        {name(ChildField::kSymbol), Variant::Text(view.symbol)},
+        {name(ChildField::kSide), text(kSide)},
+        {name(ChildField::kAccount), text(kAccount)},
+        {name(ChildField::kSecurityType), text(kType)},
+        {name(ChildField::kBrokerId), text(kBrokerId)},
+        {name(ChildField::kPrice), Variant::I8(WToI64(values[kPrice]))},
+        {name(ChildField::kPriceString), text(kPriceString)},
+        {name(ChildField::kOrderType), i4(kOrderType)},
+        {name(ChildField::kTimeInForce), i4(kTimeInForce)},
+        {name(ChildField::kOriginalQty), QuantityValue(qty)},
+        {name(ChildField::kOrderQty), QuantityValue(qty)},
+        {name(ChildField::kLeavesQty), QuantityValue(qty)},
+        {name(ChildField::kCumQty), Variant::I4(0)},
+        {name(ChildField::kOrderId), Variant::Text(std::wstring())},
+        {name(ChildField::kSliceId), Variant::Text(view.slice_id)},
+        {name(ChildField::kGroupId), text(kGroupId)},
+        {name(ChildField::kGroupType), i4(kGroupType)},
+        {name(ChildField::kGroupPrefix), text(kGroupPrefix)},
+        {name(ChildField::kConsecutive), i4(kConsecutive)},
+        {name(ChildField::kNumberOfRetries), i4(kNumberOfRetries)},
+        {name(ChildField::kRetryInterval), i4(kRetryInterval)},
+        {name(ChildField::kSpreadId), text(kSpreadId)},
+        {name(ChildField::kSlicedType), values[kSlicedType].empty() ? Variant() : i4(kSlicedType)},
     };
-    set(ChildField::kLevelKey, Variant::Text(level_key));
-    set(ChildField::kSymbol, Variant::Text(symbol));
-    set(ChildField::kSide, text(kSide));
-    set(ChildField::kAccount, text(kAccount));
-    set(ChildField::kSecurityType, text(kType));
-    set(ChildField::kBrokerId, text(kBrokerId));
-    set(ChildField::kPrice, Variant::I8(WToI64(values[kPrice])));
-    set(ChildField::kPriceString, text(kPriceString));
-    set(ChildField::kOrderType, i4(kOrderType));
-    set(ChildField::kTimeInForce, i4(kTimeInForce));
-    set(ChildField::kOriginalQty, QuantityValue(qty));
-    set(ChildField::kOrderQty, QuantityValue(qty));
-    set(ChildField::kLeavesQty, QuantityValue(qty));
-    set(ChildField::kCumQty, Variant::I4(0));
-    set(ChildField::kOrderId, Variant::Text(std::wstring()));
-    set(ChildField::kSliceId, Variant::Text(slice_id));
-    set(ChildField::kGroupId, text(kGroupId));
-    set(ChildField::kGroupType, i4(kGroupType));
-    set(ChildField::kGroupPrefix, text(kGroupPrefix));
-    set(ChildField::kConsecutive, i4(kConsecutive));
-    set(ChildField::kNumberOfRetries, i4(kNumberOfRetries));
-    set(ChildField::kRetryInterval, i4(kRetryInterval));
-    set(ChildField::kSpreadId, text(kSpreadId));
-    if (!values[kSlicedType].empty()) set(ChildField::kSlicedType, i4(kSlicedType));
-    order->record = TsmCreateBaseDataWithFields(L"order", fields.data(), static_cast<int32_t>(count));
+    static_assert(std::size(fields) == static_cast<size_t>(ChildField::kExecType));
+    const size_t count = values[kSlicedType].empty() ? std::size(fields) - 1 : std::size(fields);
+    order->record = TsmCreateBaseDataWithFields(L"order", fields, static_cast<int32_t>(count));
   }
-  order->view.level_key = level_key;
-  order->view.slice_id = slice_id;
-  order->view.symbol = symbol;
-  if (host_.KeepsEvents()) order->view.command = command;
-  order->view.qty = qty;
-  order->view.leaves_qty = qty;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    orders_[level_key] = order;
-    arrival_.push_back(level_key);
-    ParentAccount& account = AccountFor(slice_id);
+    orders_[view.level_key] = order;
+    arrival_.push_back(order);
+    ParentAccount& account = AccountOf(order);
     ++account.children_sent;
     account.qty_sent += qty;
     if (account.start_ms < 0) account.start_ms = host_.ElapsedMs();
-    account.children.push_back(level_key);
+    account.children.push_back(view.level_key);
     account.child_qtys.push_back(qty);
   }
   if (host_.KeepsEvents()) {
-    Record("ExchangeNew", level_key, -1,
-           L"SliceID=" + slice_id + L",Symbol=" + symbol + L",Qty=" + Decimal(qty));
+    Record("ExchangeNew", view.level_key, -1,
+           L"SliceID=" + view.slice_id + L",Symbol=" + view.symbol + L",Qty=" + Decimal(qty));
   }
-  loop_.Post(delivery_delay, [this, level_key] { Deliver(level_key); });
+  loop_.Post(delivery_delay, [this, order] { Deliver(order); });
 }
 
 void SimExchange::OnFailOrder(const std::wstring& command) {
@@ -567,9 +644,9 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
   const int32_t sliced_type = SimHost::ReadI4(object, L"SlicedType", 0);
   bool work = false;
   int64_t ack_delay = 0;
+  Entry* order;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    Entry* order;
     auto it = orders_.find(level_key);
     if (it != orders_.end()) {
       order = it->second;
@@ -593,7 +670,7 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
     order->view.delivered = true;
     order->view.cookie = static_cast<uint32_t>(data->i4());
     order->view.order_index = WToL(text);
-    arrival_.push_back(level_key);
+    arrival_.push_back(order);
     ParentAccount& account = AccountFor(slice_id);
     account.parent_level_key = level_key;
     account.final_portion = true;
@@ -607,7 +684,7 @@ void SimExchange::OnFinalPortion(const std::wstring& text, const Variant* data) 
     Record("ExchangeFinal", level_key, -1,
            L"SliceID=" + slice_id + L",Qty=" + Decimal(qty) + (work ? L"" : L",Held=1"));
   }
-  if (work) loop_.Post(ack_delay, [this, level_key] { Acknowledge(level_key); });
+  if (work) loop_.Post(ack_delay, [this, order] { Acknowledge(order); });
 }
 
 void SimExchange::OnTransfer(const Variant* data) {
@@ -645,105 +722,106 @@ void SimExchange::OnParentCancel(const std::wstring& topic, const std::wstring& 
 
 // ---- Working an order on the loop ----------------------------------------
 
-void SimExchange::Deliver(const std::wstring& level_key) {
-  std::shared_ptr<IBaseData> record;
+void SimExchange::Deliver(Entry* order) {
+  IBaseData* record;
   INordaManager* manager;
   bool lock_set;
   int64_t ack_delay;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it == orders_.end()) return;
-    record = Hold(it->second->record);
+    record = order->record;
     manager = manager_;
     lock_set = lock_order_set_on_add_;
-    ack_delay = it->second->behaviour.ack_delay_ms;
+    ack_delay = order->behaviour.ack_delay_ms;
   }
   int32_t index = -1;
-  const uint32_t cookie = PlaceInOrderSet(record.get(), manager, lock_set, &index);
+  const uint32_t cookie = PlaceInOrderSet(record, manager, lock_set, &index);
   {
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it != orders_.end()) {
-      it->second->view.cookie = cookie;
-      it->second->view.order_index = index;
-      it->second->view.delivered = true;
-    }
+    order->view.cookie = cookie;
+    order->view.order_index = index;
+    order->view.delivered = true;
   }
   Variant data = Variant::I4(static_cast<int32_t>(cookie));
-  if (manager != nullptr) manager->SetTopic(L"TRADE.HOT.MONTH", 0, 0, Decimal(index), &data);
-  loop_.Post(ack_delay, [this, level_key] { Acknowledge(level_key); });
+  static const std::wstring kDelivered = L"TRADE.HOT.MONTH";
+  if (manager != nullptr) manager->SetTopic(kDelivered, 0, 0, Decimal(index), &data);
+  loop_.Post(ack_delay, [this, order] { Acknowledge(order); });
 }
 
-void SimExchange::Acknowledge(const std::wstring& level_key) {
-  std::shared_ptr<IBaseData> record;
+void SimExchange::Acknowledge(Entry* order) {
+  IBaseData* record = nullptr;
   std::wstring order_id;
   int32_t exec_type;
   int64_t fill_delay = 0;
   bool fill = false;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it == orders_.end() || it->second->view.done) return;
-    Entry* order = it->second;
+    if (order->view.done) return;
     if (order->behaviour.reject) {
       exec_type = codes_.rejected;
     } else {
       exec_type = codes_.acknowledged;
-      order_id = L"X" + Decimal(next_order_id_++);
+      order_id = PrefixedDecimal(kOrderIdPrefix, next_order_id_++);
       order->view.order_id = order_id;
       order->view.last_exec_type = exec_type;
-      if (!order->view.final_portion) ++AccountFor(order->view.slice_id).children_acknowledged;
+      if (!order->view.final_portion) ++AccountOf(order).children_acknowledged;
       const int32_t percent = std::clamp(order->behaviour.fill_percent, 0, 100);
       order->fill_target = order->view.qty * percent / 100;
       order->fill_steps_left = std::max(1, order->behaviour.fill_steps);
       fill = order->fill_target > 0;
       fill_delay = order->behaviour.fill_delay_ms;
-      record = Hold(order->record);
+      record = order->record;
     }
   }
-  if (!record) {
-    EndWith(level_key, exec_type, "ExchangeReject");
+  if (record == nullptr) {
+    EndWith(order->view.level_key, exec_type, "ExchangeReject");
     return;
   }
   // Announced before the write: the manager hears the write on another
   // thread at once, and a transcript must show cause before reaction.
-  if (host_.KeepsEvents()) Record("ExchangeAck", level_key, exec_type, L"OrderID=" + order_id);
-  WriteFields(record.get(), {{ChildField::kExecType, Variant::I4(exec_type)},
-                             {ChildField::kOrderId, Variant::Text(order_id)}});
-  if (fill) loop_.Post(fill_delay, [this, level_key] { ScheduledFill(level_key); });
+  if (host_.KeepsEvents()) Record("ExchangeAck", order->view.level_key, exec_type, L"OrderID=" + order_id);
+  WriteFields(record, {{ChildField::kExecType, Variant::I4(exec_type)},
+                       {ChildField::kOrderId, Variant::Text(std::move(order_id))}});
+  if (fill) loop_.Post(fill_delay, [this, order] { ScheduledFill(order); });
 }
 
-void SimExchange::ScheduledFill(const std::wstring& level_key) {
+void SimExchange::ScheduledFill(Entry* order) {
   int64_t chunk = 0;
   int64_t fill_delay = 0;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it == orders_.end() || it->second->view.done) return;
-    Entry* order = it->second;
+    if (order->view.done) return;
     const int64_t remaining = order->fill_target - order->view.cum_qty;
     if (remaining <= 0 || order->fill_steps_left <= 0) return;
     chunk = order->fill_steps_left == 1 ? remaining : std::max<int64_t>(1, remaining / order->fill_steps_left);
     --order->fill_steps_left;
     fill_delay = order->behaviour.fill_delay_ms;
   }
-  if (ApplyFill(level_key, chunk)) {
-    loop_.Post(fill_delay, [this, level_key] { ScheduledFill(level_key); });
+  if (ApplyFill(order, chunk)) {
+    loop_.Post(fill_delay, [this, order] { ScheduledFill(order); });
   }
 }
 
 bool SimExchange::ApplyFill(const std::wstring& level_key, int64_t qty) {
-  std::shared_ptr<IBaseData> record;
+  Entry* order;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto it = orders_.find(level_key);
+    if (it == orders_.end()) return false;
+    order = it->second;
+  }
+  return ApplyFill(order, qty);
+}
+
+bool SimExchange::ApplyFill(Entry* order, int64_t qty) {
+  IBaseData* record;
   int32_t exec_type;
   int64_t cum;
   int64_t leaves;
   bool more;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    auto it = orders_.find(level_key);
-    if (it == orders_.end() || it->second->view.done) return false;
-    Entry* order = it->second;
+    if (order->view.done) return false;
     const int64_t fill = std::clamp<int64_t>(qty, 0, order->view.leaves_qty);
     if (fill <= 0) return false;
     order->view.cum_qty += fill;
@@ -752,7 +830,7 @@ bool SimExchange::ApplyFill(const std::wstring& level_key, int64_t qty) {
     leaves = order->view.leaves_qty;
     exec_type = leaves == 0 ? codes_.filled : codes_.partially_filled;
     order->view.last_exec_type = exec_type;
-    ParentAccount& account = AccountFor(order->view.slice_id);
+    ParentAccount& account = AccountOf(order);
     account.qty_filled += fill;
     if (leaves == 0) {
       order->view.done = true;
@@ -764,16 +842,16 @@ bool SimExchange::ApplyFill(const std::wstring& level_key, int64_t qty) {
       }
     }
     more = leaves > 0 && cum < order->fill_target && order->fill_steps_left > 0;
-    record = Hold(order->record);
+    record = order->record;
   }
   if (host_.KeepsEvents()) {
-    Record("ExchangeFill", level_key, exec_type,
+    Record("ExchangeFill", order->view.level_key, exec_type,
            L"Fill=" + Decimal(qty) + L",CumQty=" + Decimal(cum) + L",LeavesQty=" +
                Decimal(leaves));
   }
-  WriteFields(record.get(), {{ChildField::kExecType, Variant::I4(exec_type)},
-                             {ChildField::kCumQty, QuantityValue(cum)},
-                             {ChildField::kLeavesQty, QuantityValue(leaves)}});
+  WriteFields(record, {{ChildField::kExecType, Variant::I4(exec_type)},
+                       {ChildField::kCumQty, QuantityValue(cum)},
+                       {ChildField::kLeavesQty, QuantityValue(leaves)}});
   return more;
 }
 
@@ -789,7 +867,7 @@ void SimExchange::EndWith(const std::wstring& level_key, int32_t exec_type, cons
       order->view.done = true;
       order->view.leaves_qty = 0;
       order->view.last_exec_type = exec_type;
-      ParentAccount& account = AccountFor(order->view.slice_id);
+      ParentAccount& account = AccountOf(order);
       if (name == "ExchangeCancel") {
         ++account.children_cancelled;
       } else if (name == "ExchangeReplace") {
@@ -838,7 +916,8 @@ std::optional<ExchangeOrder> SimExchange::Order(const std::wstring& level_key) c
 std::vector<ExchangeOrder> SimExchange::Orders() const {
   std::lock_guard<std::mutex> guard(lock_);
   std::vector<ExchangeOrder> orders;
-  for (const std::wstring& key : arrival_) orders.push_back(orders_.at(key)->view);
+  orders.reserve(arrival_.size());
+  for (const Entry* order : arrival_) orders.push_back(order->view);
   return orders;
 }
 

@@ -232,6 +232,7 @@ class SimExchange {
 
   SymbolBehaviour BehaviourFor(const std::wstring& symbol) const;  // under lock_
   ParentAccount& AccountFor(const std::wstring& slice_id);          // under lock_
+  ParentAccount& AccountOf(Entry* order);                           // under lock_: its slice id's
   void OnNewOrder(const std::wstring& command);
   void OnFailOrder(const std::wstring& command);
   // "TRADE.CANCELORDER" and "TRADE.REPLACEORDER": both end a working child
@@ -241,12 +242,17 @@ class SimExchange {
   void OnFinalPortion(const std::wstring& text, const Variant* data);
   void OnTransfer(const Variant* data);
   void OnParentCancel(const std::wstring& topic, const std::wstring& text, const Variant* data);
-  // Steps of working an order, run on the loop.
-  void Deliver(const std::wstring& level_key);
-  void Acknowledge(const std::wstring& level_key);
+  // Steps of working an order, run on the loop. They name the order by its
+  // entry, which stays in place (with its record's reference) for the
+  // exchange's life, so that a posted step needs no look-up and no copy of
+  // the level key.
+  void Deliver(Entry* order);
+  void Acknowledge(Entry* order);
   // The next of the behaviour's fills; re-posts itself while more are due.
-  void ScheduledFill(const std::wstring& level_key);
+  void ScheduledFill(Entry* order);
   // Fills `qty` (capped at what is left); true when scheduled fills go on.
+  bool ApplyFill(Entry* order, int64_t qty);
+  // The same for an order named by its level key (nothing when unknown).
   bool ApplyFill(const std::wstring& level_key, int64_t qty);
   void EndWith(const std::wstring& level_key, int32_t exec_type, const char* ev);
   void Record(const char* ev, const std::wstring& level_key, int32_t exec_type, const std::wstring& text);
@@ -292,7 +298,7 @@ class SimExchange {
   int32_t next_order_id_ = 1;
   int32_t order_set_size_ = 0;
   std::unordered_map<std::wstring, Entry*> orders_;  // level key -> order (owned), children and parents
-  std::vector<std::wstring> arrival_;             // level keys of children and final portions, in order
+  std::vector<Entry*> arrival_;                   // children and final portions, in order
   std::unordered_map<std::wstring, ParentAccount> accounts_;
   std::vector<std::wstring> account_order_;       // slice ids in order of first appearance
   std::map<std::wstring, std::wstring> parent_slice_;  // parent level key -> slice id

@@ -14,6 +14,29 @@ constexpr int64_t kIdleMs = 365LL * 24 * 3600 * 1000;
 
 }  // namespace
 
+void HostLoop::Waiting::Push(int64_t now, int64_t due, uint64_t sequence, Action action) {
+  Item item{due, sequence, std::move(action)};
+  if (due <= now && (in_order_.empty() || !RunsLater(in_order_.back(), item))) {
+    in_order_.push_back(std::move(item));
+  } else {
+    heap_.push_back(std::move(item));
+    std::push_heap(heap_.begin(), heap_.end(), RunsLater);
+  }
+}
+
+HostLoop::Action HostLoop::Waiting::PopEarliest() {
+  Action action;
+  if (HeapFirst()) {
+    std::pop_heap(heap_.begin(), heap_.end(), RunsLater);
+    action = std::move(heap_.back().action);
+    heap_.pop_back();
+  } else {
+    action = std::move(in_order_.front().action);
+    in_order_.pop_front();
+  }
+  return action;
+}
+
 HostLoop::HostLoop(IClock& clock) : clock_(clock), wait_(clock.CreateTimerWait(L"")) {
   std::lock_guard<std::mutex> guard(lock_);
   ArmForEarliest();
@@ -25,14 +48,14 @@ HostLoop::~HostLoop() { Stop(); }
 
 void HostLoop::ArmForEarliest() {
   const int64_t now = clock_.NowMs();
-  if (actions_.empty()) {
+  if (actions_.Empty()) {
     if (armed_due_ < 0) {
       wait_->Arm(kIdleMs, 0);
       armed_due_ = now + kIdleMs;
     }
     return;
   }
-  const int64_t earliest = actions_.begin()->first.first;
+  const int64_t earliest = actions_.EarliestDue();
   if (armed_due_ >= 0 && armed_due_ <= earliest) return;
   wait_->Arm(std::max<int64_t>(0, earliest - now), 0);
   armed_due_ = earliest;
@@ -45,8 +68,8 @@ uint64_t HostLoop::Post(int64_t delay_ms, Action action) {
     return 0;
   }
   const uint64_t sequence = next_sequence_++;
-  const int64_t due = clock_.NowMs() + std::max<int64_t>(0, delay_ms);
-  actions_.emplace(Key{due, sequence}, std::move(action));
+  const int64_t now = clock_.NowMs();
+  actions_.Push(now, now + std::max<int64_t>(0, delay_ms), sequence, std::move(action));
   ArmForEarliest();
   return sequence;
 }
@@ -97,9 +120,8 @@ void HostLoop::Run() {
     armed_due_ = -1;
     for (;;) {
       if (stopping_) return;
-      if (actions_.empty() || actions_.begin()->first.first > clock_.NowMs()) break;
-      Action action = std::move(actions_.begin()->second);
-      actions_.erase(actions_.begin());
+      if (actions_.Empty() || actions_.EarliestDue() > clock_.NowMs()) break;
+      Action action = actions_.PopEarliest();
       guard.unlock();
       action();
       action = nullptr;
@@ -120,7 +142,7 @@ void HostLoop::Stop() {
     std::lock_guard<std::mutex> guard(lock_);
     if (!stopping_) {
       stopping_ = true;
-      dropped_count_ += actions_.size();
+      dropped_count_ += actions_.Size();
     }
   }
   ran_.notify_all();
@@ -131,10 +153,10 @@ void HostLoop::Stop() {
     wait_.reset();
   }
   // Dropped actions release what they hold outside the lock.
-  std::map<Key, Action> dropped;
+  Waiting dropped;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    dropped.swap(actions_);
+    std::swap(dropped, actions_);
   }
 }
 
@@ -153,7 +175,7 @@ bool HostLoop::IsLoopThread() const { return std::this_thread::get_id() == loop_
 
 size_t HostLoop::Pending() const {
   std::lock_guard<std::mutex> guard(lock_);
-  return actions_.size();
+  return actions_.Size();
 }
 
 uint64_t HostLoop::ActionsRun() const {
@@ -168,7 +190,7 @@ uint64_t HostLoop::ActionsDropped() const {
 
 int64_t HostLoop::NextDueMs() const {
   std::lock_guard<std::mutex> guard(lock_);
-  return actions_.empty() ? -1 : actions_.begin()->first.first;
+  return actions_.Empty() ? -1 : actions_.EarliestDue();
 }
 
 }  // namespace tsm::sim

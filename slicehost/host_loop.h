@@ -25,13 +25,14 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "slicehost/sim_host.h"
 #include "tradeslice/clock.h"
@@ -95,7 +96,33 @@ class HostLoop {
   int64_t NextDueMs() const;
 
  private:
-  using Key = std::pair<int64_t, uint64_t>;  // due time, sequence
+  // The waiting actions, run by due time, then in the order posted. Most
+  // are due at once when posted, and so come in the order they run: those
+  // wait in a plain queue, the others (due later) in a heap beside it.
+  // Neither allocates per action.
+  class Waiting {
+   public:
+    void Push(int64_t now, int64_t due, uint64_t sequence, Action action);
+    bool Empty() const { return in_order_.empty() && heap_.empty(); }
+    size_t Size() const { return in_order_.size() + heap_.size(); }
+    int64_t EarliestDue() const { return Earliest().due; }  // not when Empty
+    Action PopEarliest();                                   // not when Empty
+
+   private:
+    struct Item {
+      int64_t due;
+      uint64_t sequence;
+      Action action;
+    };
+    static bool RunsLater(const Item& a, const Item& b) {
+      return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
+    }
+    bool HeapFirst() const { return in_order_.empty() || (!heap_.empty() && RunsLater(in_order_.front(), heap_.front())); }
+    const Item& Earliest() const { return HeapFirst() ? heap_.front() : in_order_.front(); }
+
+    std::deque<Item> in_order_;  // each runs after the one before it
+    std::vector<Item> heap_;     // a heap by RunsLater: front runs first
+  };
 
   void Run();
   // Arms the timer for the earliest waiting action when it is not armed for
@@ -106,7 +133,7 @@ class HostLoop {
   std::unique_ptr<ITimerWait> wait_;
   mutable std::mutex lock_;         // guards every member below
   std::condition_variable ran_;     // signalled after each action, for PostAndWait
-  std::map<Key, Action> actions_;   // waiting actions, in the order they run
+  Waiting actions_;                 // waiting actions
   uint64_t next_sequence_ = 1;
   int64_t armed_due_ = -1;          // clock time the timer is armed for; -1: idle
   bool stopping_ = false;

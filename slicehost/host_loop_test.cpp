@@ -139,6 +139,22 @@ TEST_F(HostLoopTest, ActionPostedByAnActionRunsAfterIt) {
   EXPECT_EQ(Order(), (std::vector<std::string>{"first@10", "second@10", "third@15"}));
 }
 
+// Actions due at once and actions due later wait apart; a tie between the two
+// still goes to the one posted first.
+TEST_F(HostLoopTest, ActionsDueAtOnceAndLaterKeepTimeThenPostingOrder) {
+  loop_.Post(10, [this] {
+    Mark("a");
+    loop_.Post(0, [this] { Mark("b"); });
+  });
+  loop_.Post(0, [this] { Mark("now"); });
+  loop_.Post(10, [this] { Mark("c"); });
+  loop_.Post(5, [this] { Mark("d"); });
+  clock_.Advance(10);
+  EXPECT_EQ(Order(), (std::vector<std::string>{"now@0", "d@5", "a@10", "c@10", "b@10"}));
+  EXPECT_EQ(loop_.Pending(), 0u);
+  EXPECT_EQ(loop_.NextDueMs(), -1);
+}
+
 TEST_F(HostLoopTest, EarlierPostFromAnotherThreadMovesTheWakeUpForward) {
   loop_.Post(500, [this] { Mark("late"); });
   std::thread poster([this] { loop_.Post(20, [this] { Mark("early"); }); });

@@ -83,14 +83,21 @@ HResult SimHost::RegisterTopic(const std::wstring& topic, Variant* result) {
 // The host loop, the event thread and the clock's driver have entered the
 // ledger already; any other thread calling the host is one of the manager's
 // own (a timer's, mostly).
-void SimHost::NoteCaller() { ThreadCpuLedger::Instance().Note(ThreadClass::kTimer); }
+void SimHost::NoteCaller() {
+  // Once entered, a thread is not looked at again: the host is called on
+  // every request.
+  thread_local bool entered = false;
+  if (!entered) entered = ThreadCpuLedger::Instance().Note(ThreadClass::kTimer);
+}
 
 HResult SimHost::GetTopicData(const std::wstring& topic, Variant* result) {
   NoteCaller();
-  HostEvent e;
-  e.ev = "GetTopicData";
-  e.topic = topic;
-  Record(std::move(e));
+  if (KeepsEvents()) {
+    HostEvent e;
+    e.ev = "GetTopicData";
+    e.topic = topic;
+    Record(std::move(e));
+  }
   IBaseData* object = nullptr;
   {
     std::lock_guard<std::mutex> guard(lock_);
@@ -106,15 +113,20 @@ HResult SimHost::SendTopic(const std::wstring& topic, int32_t param1, int32_t pa
   NoteCaller();
   RecordTopicCall("SendTopic", topic, param1, param2, text, data);
 
-  if (topic == L"MARZIPAN.REQUEST" && data != nullptr) {
-    if (text == L"STKINFO" && data->type() == VarType::BStr) {
+  using namespace std::string_view_literals;  // compares lengths before letters
+  if (data != nullptr && topic == L"MARZIPAN.REQUEST"sv) {
+    if (text == L"STKINFO"sv && data->type() == VarType::BStr) {
       std::wstring security;
       {
         std::lock_guard<std::mutex> guard(lock_);
         auto it = security_texts_.find(data->text());
         if (it != security_texts_.end()) security = it->second;
       }
-      Write(Topic(L"MARZIPAN.REQUEST"), {{data->text(), Variant::Text(security)}});
+      // One batch write of one field, keyed by the symbol text in hand.
+      IBaseData* answers = Topic(L"MARZIPAN.REQUEST");
+      const int32_t update = answers->BeginUpdate();
+      answers->SetData(update, kKindFieldByName, *data, Variant::Text(std::move(security)));
+      answers->EndUpdate(update);
     } else if (param2 == 64 && data->type() == VarType::I8) {
       std::string json;
       std::wstring answer;
@@ -207,12 +219,13 @@ uint32_t SimHost::Publish(IBaseData* record) {
   return cookie;
 }
 
-IBaseData* SimHost::Topic(const std::wstring& topic) {
+IBaseData* SimHost::Topic(std::wstring_view topic) {
   std::lock_guard<std::mutex> guard(lock_);
   auto it = topics_.find(topic);
   if (it != topics_.end()) return it->second;
-  IBaseData* object = TsmCreateBaseData(topic.c_str());
-  topics_[topic] = object;
+  std::wstring name(topic);
+  IBaseData* object = TsmCreateBaseData(name.c_str());
+  topics_.emplace(std::move(name), object);
   return object;
 }
 

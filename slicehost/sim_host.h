@@ -17,6 +17,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -78,7 +79,7 @@ class SimHost final : public INordaManagerEvents {
   uint32_t Publish(IBaseData* record);
 
   // The host's record of a topic, made on first use (the host keeps it).
-  IBaseData* Topic(const std::wstring& topic);
+  IBaseData* Topic(std::wstring_view topic);
   bool HasTopic(const std::wstring& topic) const;
   // Serves `record` (a reference is taken) as the host's record of `topic`
   // from now on, in place of one `Topic` would make; an earlier record of the
@@ -133,7 +134,7 @@ class SimHost final : public INordaManagerEvents {
   std::atomic<uint32_t> refs_{0};
   mutable std::mutex lock_;  // guards everything below
   std::vector<HostEvent> events_;
-  std::map<std::wstring, IBaseData*> topics_;    // owned references
+  std::map<std::wstring, IBaseData*, std::less<>> topics_;  // owned references
   std::unordered_map<IBaseData*, uint32_t> published_;  // object -> cookie (the table holds the reference)
   std::map<std::wstring, std::wstring> security_texts_;
   std::string vault_json_;

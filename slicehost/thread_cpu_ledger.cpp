@@ -36,16 +36,17 @@ ThreadCpuLedger& ThreadCpuLedger::Instance() {
 
 void ThreadCpuLedger::SetEnabled(bool enabled) { enabled_.store(enabled, std::memory_order_relaxed); }
 
-void ThreadCpuLedger::Note(ThreadClass kind) {
-  if (!enabled_.load(std::memory_order_relaxed)) return;
+bool ThreadCpuLedger::Note(ThreadClass kind) {
+  if (!enabled_.load(std::memory_order_relaxed)) return false;
   thread_local Holder holder;
-  if (holder.entry) return;
+  if (holder.entry) return true;
   std::lock_guard<std::mutex> guard(lock_);
   auto entry = std::make_shared<Entry>();
   entry->kind = kind;
   entry->clock = ThreadCpuClock::OfCurrentThread();
   entries_.push_back(entry);
   holder.entry = std::move(entry);
+  return true;
 }
 
 ThreadCpuLedger::Totals ThreadCpuLedger::Read() const {

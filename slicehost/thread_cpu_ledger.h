@@ -35,7 +35,8 @@ class ThreadCpuLedger {
 
   // Enters the calling thread under `kind` unless it is in already. Cheap
   // after its first call, and while the ledger is off (then it does nothing).
-  void Note(ThreadClass kind);
+  // True when the thread is in the ledger.
+  bool Note(ThreadClass kind);
   void SetEnabled(bool enabled);
   // The CPU time so far of every thread entered, by class.
   Totals Read() const;
