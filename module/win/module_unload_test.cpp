@@ -1,0 +1,274 @@
+// Unloading TradeSliceManager.dll the way a host does: LoadLibrary, create
+// the object through the DLL's own exports, let its threads work, release,
+// ask DllCanUnloadNow until it allows, FreeLibrary. Every thread the DLL
+// starts (one per armed timer, the volume worker) and every callback that
+// outlives the object keeps DllCanUnloadNow at S_FALSE and the module mapped
+// until it has left the DLL's code; a module freed under such a thread would
+// crash this program.
+#include <windows.h>
+#include <oleauto.h>
+#include <ocidl.h>
+#include <olectl.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "data/base_data.h"
+#include "module/win/qx_trade_slice_manager.h"
+#include "platform/win/com_win.h"
+#include "testing/component_binding.h"
+#include "tradeslice/base_data_api.h"
+#include "tradeslice/norda_host.h"
+
+namespace tsm::module {
+namespace {
+
+using platform::ComPtr;
+using platform::UniqueBstr;
+
+constexpr wchar_t kDllName[] = L"TradeSliceManager.dll";
+// Bounds of the waits below: a lost event or a module that never unloads
+// fails the test instead of hanging it.
+constexpr auto kDeadline = std::chrono::seconds(20);
+constexpr DWORD kPollMs = 2;
+// Logged by the timer 102 callback for every parent order it finishes.
+constexpr wchar_t kFinishLine[] = L"<CTradeSliceManager>[Sliced Send End order] ";
+
+// The host's sink. GetTopicData answers no record. A WriteLog of the timer
+// 102 callback is counted; while `hold` is set, that callback waits inside
+// the sink until `Let()`.
+class HostSink final : public IDispatch {
+ public:
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
+    *out = nullptr;
+    if (iid != IID_IUnknown && iid != IID_IDispatch && iid != DIID__INordaManagerEvents) return E_NOINTERFACE;
+    AddRef();
+    *out = static_cast<IDispatch*>(this);
+    return S_OK;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
+  ULONG STDMETHODCALLTYPE Release() override { return --refs_; }
+  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
+    *count = 0;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE Invoke(DISPID dispid, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT* result,
+                                   EXCEPINFO*, UINT*) override {
+    if (result != nullptr) {
+      VariantInit(result);
+      result->vt = VT_I4;
+      result->lVal = 0;
+    }
+    if (dispid != 7 || params->cArgs != 1 || params->rgvarg[0].vt != VT_BSTR) return S_OK;
+    const std::wstring line(params->rgvarg[0].bstrVal, SysStringLen(params->rgvarg[0].bstrVal));
+    if (line.rfind(kFinishLine, 0) != 0) return S_OK;
+    std::unique_lock<std::mutex> guard(lock_);
+    ++finished_;
+    changed_.notify_all();
+    if (hold_) changed_.wait_for(guard, kDeadline, [this] { return !hold_; });
+    return S_OK;
+  }
+
+  void Hold() {
+    std::lock_guard<std::mutex> guard(lock_);
+    hold_ = true;
+  }
+  void Let() {
+    std::lock_guard<std::mutex> guard(lock_);
+    hold_ = false;
+    changed_.notify_all();
+  }
+  bool WaitFinished(int count) {
+    std::unique_lock<std::mutex> guard(lock_);
+    return changed_.wait_for(guard, kDeadline, [&] { return finished_ >= count; });
+  }
+  ULONG refs() const { return refs_.load(); }
+
+ private:
+  std::atomic<ULONG> refs_{1};
+  std::mutex lock_;
+  std::condition_variable changed_;
+  int finished_ = 0;
+  bool hold_ = false;
+};
+
+// A parent order of slice type 5: "TRADE.SLICE.MANAGER" keeps it and arms
+// timer 102 (10 ms), whose callback logs its end of slicing.
+class ParentOrder {
+ public:
+  explicit ParentOrder(const std::wstring& level_key) {
+    TsmField fields[] = {{L"SlicedType", Variant::I4(5)},    {L"Interval", Variant::I4(1)},
+                         {L"LeftoverAction", Variant::I4(0)}, {L"TimeInForce", Variant::I4(6)},
+                         {L"SliceID", Variant::Text(L"S-" + level_key)}, {L"LevelKey", Variant::Text(level_key)},
+                         {L"Symbol", Variant::Text(L"2330")}};
+    object_ = TsmCreateBaseDataWithFields(L"Order", fields, static_cast<int32_t>(std::size(fields)));
+    if (object_ != nullptr) record_.Initialize(nullptr, BindingOf(object_));
+  }
+  ~ParentOrder() {
+    if (object_ != nullptr) object_->Release();
+  }
+  ParentOrder(const ParentOrder&) = delete;
+  ParentOrder& operator=(const ParentOrder&) = delete;
+
+  LONG Cookie() { return static_cast<LONG>(record_.GetCookie()); }
+
+ private:
+  IBaseData* object_ = nullptr;
+  CBaseData record_;
+};
+
+// One load of the DLL, as a host makes it.
+class LoadedDll {
+ public:
+  LoadedDll() : module_(LoadLibraryW(kDllName)) {
+    if (module_ == nullptr) return;
+    get_class_object_ = reinterpret_cast<decltype(get_class_object_)>(
+        reinterpret_cast<void*>(GetProcAddress(module_, "DllGetClassObject")));
+    can_unload_now_ = reinterpret_cast<decltype(can_unload_now_)>(
+        reinterpret_cast<void*>(GetProcAddress(module_, "DllCanUnloadNow")));
+  }
+  ~LoadedDll() { Free(); }
+  LoadedDll(const LoadedDll&) = delete;
+  LoadedDll& operator=(const LoadedDll&) = delete;
+
+  bool ok() const { return get_class_object_ != nullptr && can_unload_now_ != nullptr; }
+  HRESULT CanUnloadNow() { return can_unload_now_(); }
+
+  ComPtr<INordaManager> Create() {
+    ComPtr<IClassFactory> factory;
+    ComPtr<INordaManager> manager;
+    if (FAILED(get_class_object_(CLSID_TradeSliceManager, IID_IClassFactory, factory.PutVoid())) || !factory) {
+      return manager;
+    }
+    factory->CreateInstance(nullptr, IID_INordaManager, manager.PutVoid());
+    return manager;
+  }
+
+  // Asks DllCanUnloadNow until it answers S_OK; false when it never does.
+  bool WaitUntilUnloadable() {
+    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    while (can_unload_now_() != S_OK) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      Sleep(kPollMs);
+    }
+    return true;
+  }
+
+  void Free() {
+    if (module_ != nullptr) FreeLibrary(module_);
+    module_ = nullptr;
+  }
+
+ private:
+  HMODULE module_ = nullptr;
+  HRESULT(STDAPICALLTYPE* get_class_object_)(REFCLSID, REFIID, void**) = nullptr;
+  HRESULT(STDAPICALLTYPE* can_unload_now_)() = nullptr;
+};
+
+// Waits until no module of the DLL's name is mapped: the last thread that
+// held it has let go.
+bool WaitUntilUnmapped() {
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  while (GetModuleHandleW(kDllName) != nullptr) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    Sleep(kPollMs);
+  }
+  return true;
+}
+
+DWORD AdviseHostSink(INordaManager* manager, IDispatch* sink) {
+  ComPtr<IConnectionPointContainer> container;
+  ComPtr<IConnectionPoint> point;
+  DWORD cookie = 0;
+  if (SUCCEEDED(manager->QueryInterface(IID_IConnectionPointContainer, container.PutVoid())) &&
+      SUCCEEDED(container->FindConnectionPoint(DIID__INordaManagerEvents, point.Put()))) {
+    point->Advise(sink, &cookie);
+  }
+  return cookie;
+}
+
+HRESULT KeepParent(INordaManager* manager, ParentOrder& order) {
+  UniqueBstr topic(L"TRADE.SLICE.MANAGER");
+  UniqueBstr index(L"0");
+  VARIANT data;
+  VariantInit(&data);
+  data.vt = VT_I4;
+  data.lVal = order.Cookie();
+  return manager->SetTopic(topic.get(), 0, 0, index.get(), &data);
+}
+
+// How far the object gets before the host lets go, in turn over the rounds:
+// at once after arming its timer (the timer thread is still starting), or
+// after its timer callback ran (the thread is ending).
+enum class ReleasePoint { kTimerArmed, kTimerCalledBack };
+
+void OneRound(int round, ReleasePoint when) {
+  SCOPED_TRACE(testing::Message() << "round " << round);
+  ASSERT_EQ(GetModuleHandleW(kDllName), nullptr);
+  LoadedDll dll;
+  ASSERT_TRUE(dll.ok());
+  HostSink sink;
+  ParentOrder order(L"K-" + std::to_wstring(round));
+  {
+    ComPtr<INordaManager> manager = dll.Create();
+    ASSERT_TRUE(manager);
+    ASSERT_NE(AdviseHostSink(manager.get(), &sink), 0u);
+    EXPECT_EQ(manager->SetStage(1, 1), S_OK);
+    EXPECT_EQ(manager->SetStage(1, 2), S_OK);  // starts the volume worker
+    EXPECT_EQ(KeepParent(manager.get(), order), S_OK);
+    if (when == ReleasePoint::kTimerCalledBack) {
+      ASSERT_TRUE(sink.WaitFinished(1));
+    }
+  }
+  ASSERT_TRUE(dll.WaitUntilUnloadable());
+  dll.Free();
+  ASSERT_TRUE(WaitUntilUnmapped());
+  EXPECT_EQ(sink.refs(), 1u);  // the object let go of the host's sink
+}
+
+TEST(ModuleUnloadTest, FreeingTheDllOnceItAllowsNeverCutsOffItsThreads) {
+  constexpr int kRounds = 40;
+  for (int round = 0; round < kRounds; ++round) {
+    OneRound(round, round % 2 == 0 ? ReleasePoint::kTimerArmed : ReleasePoint::kTimerCalledBack);
+    if (HasFatalFailure()) return;
+  }
+}
+
+// The timer callback is held inside the host's sink while the host lets go:
+// the last release waits its bounded time, leaves the object to the callback
+// and returns. No object is left, yet the timer thread still runs the DLL's
+// code: DllCanUnloadNow answers S_FALSE until that thread has finished.
+TEST(ModuleUnloadTest, DllCanUnloadNowGoesFromSFalseToSOkWhenALateTimerCallbackHasFinished) {
+  ASSERT_EQ(GetModuleHandleW(kDllName), nullptr);
+  LoadedDll dll;
+  ASSERT_TRUE(dll.ok());
+  HostSink sink;
+  ParentOrder order(L"K-late");
+  sink.Hold();
+  {
+    ComPtr<INordaManager> manager = dll.Create();
+    ASSERT_TRUE(manager);
+    ASSERT_NE(AdviseHostSink(manager.get(), &sink), 0u);
+    EXPECT_EQ(manager->SetStage(1, 1), S_OK);
+    EXPECT_EQ(KeepParent(manager.get(), order), S_OK);
+    ASSERT_TRUE(sink.WaitFinished(1));  // the callback now waits inside the sink
+    EXPECT_EQ(dll.CanUnloadNow(), S_FALSE);
+  }
+  // The last release returned; the callback still runs.
+  EXPECT_EQ(dll.CanUnloadNow(), S_FALSE);
+  sink.Let();
+  EXPECT_TRUE(dll.WaitUntilUnloadable());
+  dll.Free();
+  EXPECT_TRUE(WaitUntilUnmapped());
+}
+
+}  // namespace
+}  // namespace tsm::module
