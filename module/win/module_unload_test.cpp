@@ -40,7 +40,8 @@ constexpr DWORD kPollMs = 2;
 // Logged by the timer 102 callback for every parent order it finishes.
 constexpr wchar_t kFinishLine[] = L"<CTradeSliceManager>[Sliced Send End order] ";
 
-// The host's sink. GetTopicData answers no record. A WriteLog of the timer
+// The host's sink. GetTopicData answers the cookie set for "NordaSystemTime"
+// and no record for any other topic. A WriteLog of the timer
 // 102 callback is counted; while `hold` is set, that callback waits inside
 // the sink until `Let()`.
 class HostSink final : public IDispatch {
@@ -66,6 +67,10 @@ class HostSink final : public IDispatch {
       VariantInit(result);
       result->vt = VT_I4;
       result->lVal = 0;
+      if (dispid == 4 && params->cArgs == 1 && params->rgvarg[0].vt == VT_BSTR &&
+          std::wstring(params->rgvarg[0].bstrVal) == L"NordaSystemTime") {
+        result->lVal = system_time_cookie_;
+      }
     }
     if (dispid != 7 || params->cArgs != 1 || params->rgvarg[0].vt != VT_BSTR) return S_OK;
     const std::wstring line(params->rgvarg[0].bstrVal, SysStringLen(params->rgvarg[0].bstrVal));
@@ -91,38 +96,77 @@ class HostSink final : public IDispatch {
     return changed_.wait_for(guard, kDeadline, [&] { return finished_ >= count; });
   }
   ULONG refs() const { return refs_.load(); }
+  void SetSystemTimeCookie(LONG cookie) { system_time_cookie_ = cookie; }
 
  private:
   std::atomic<ULONG> refs_{1};
+  std::atomic<LONG> system_time_cookie_{0};
   std::mutex lock_;
   std::condition_variable changed_;
   int finished_ = 0;
   bool hold_ = false;
 };
 
-// A parent order of slice type 5: "TRADE.SLICE.MANAGER" keeps it and arms
-// timer 102 (10 ms), whose callback logs its end of slicing.
-class ParentOrder {
+// A record of the host's, made in the base-data component.
+class HostRecord {
  public:
-  explicit ParentOrder(const std::wstring& level_key) {
-    TsmField fields[] = {{L"SlicedType", Variant::I4(5)},    {L"Interval", Variant::I4(1)},
-                         {L"LeftoverAction", Variant::I4(0)}, {L"TimeInForce", Variant::I4(6)},
-                         {L"SliceID", Variant::Text(L"S-" + level_key)}, {L"LevelKey", Variant::Text(level_key)},
-                         {L"Symbol", Variant::Text(L"2330")}};
-    object_ = TsmCreateBaseDataWithFields(L"Order", fields, static_cast<int32_t>(std::size(fields)));
+  template <std::size_t N>
+  explicit HostRecord(TsmField (&&fields)[N])
+      : object_(TsmCreateBaseDataWithFields(L"Record", fields, static_cast<int32_t>(N))) {
     if (object_ != nullptr) record_.Initialize(nullptr, BindingOf(object_));
   }
-  ~ParentOrder() {
+  ~HostRecord() {
     if (object_ != nullptr) object_->Release();
   }
-  ParentOrder(const ParentOrder&) = delete;
-  ParentOrder& operator=(const ParentOrder&) = delete;
+  HostRecord(const HostRecord&) = delete;
+  HostRecord& operator=(const HostRecord&) = delete;
 
   LONG Cookie() { return static_cast<LONG>(record_.GetCookie()); }
+  // One change, heard on the component's event thread by whoever listens.
+  void Write(const wchar_t* field, int32_t value) {
+    const int32_t id = record_.BeginUpdate();
+    record_.SetData(id, kKindFieldByName, Variant::Text(field), Variant::I4(value));
+    record_.EndUpdate(id);
+  }
 
  private:
   IBaseData* object_ = nullptr;
   CBaseData record_;
+};
+
+// A parent order of slice type 5: "TRADE.SLICE.MANAGER" keeps it and arms
+// timer 102 (10 ms), whose callback logs its end of slicing.
+class ParentOrder : public HostRecord {
+ public:
+  explicit ParentOrder(const std::wstring& level_key) : HostRecord(Fields(level_key).fields) {}
+
+ private:
+  struct FieldList {
+    TsmField fields[7];
+  };
+  static FieldList Fields(const std::wstring& level_key) {
+    return {{{L"SlicedType", Variant::I4(5)},
+             {L"Interval", Variant::I4(1)},
+             {L"LeftoverAction", Variant::I4(0)},
+             {L"TimeInForce", Variant::I4(6)},
+             {L"SliceID", Variant::Text(L"S-" + level_key)},
+             {L"LevelKey", Variant::Text(level_key)},
+             {L"Symbol", Variant::Text(L"2330")}}};
+  }
+};
+
+// The host's "NordaSystemTime": the object listens to it from stage 2.
+class SystemTime : public HostRecord {
+ public:
+  SystemTime() : HostRecord(Fields().fields) {}
+
+ private:
+  struct FieldList {
+    TsmField fields[3];
+  };
+  static FieldList Fields() {
+    return {{{L"SystemDate", Variant::I4(20240102)}, {L"SystemTime", Variant::I4(90000)}, {L"TimeDiff", Variant::I4(0)}}};
+  }
 };
 
 // One load of the DLL, as a host makes it.
@@ -217,12 +261,17 @@ void OneRound(int round, ReleasePoint when) {
   ASSERT_TRUE(dll.ok());
   HostSink sink;
   ParentOrder order(L"K-" + std::to_wstring(round));
+  SystemTime system_time;
+  sink.SetSystemTimeCookie(system_time.Cookie());
   {
     ComPtr<INordaManager> manager = dll.Create();
     ASSERT_TRUE(manager);
     ASSERT_NE(AdviseHostSink(manager.get(), &sink), 0u);
     EXPECT_EQ(manager->SetStage(1, 1), S_OK);
-    EXPECT_EQ(manager->SetStage(1, 2), S_OK);  // starts the volume worker
+    // Starts the volume worker and listens to the system time, whose changes
+    // are on their way on the event thread as the host lets go.
+    EXPECT_EQ(manager->SetStage(1, 2), S_OK);
+    for (int second = 1; second <= 3; ++second) system_time.Write(L"SystemTime", 90000 + second);
     EXPECT_EQ(KeepParent(manager.get(), order), S_OK);
     if (when == ReleasePoint::kTimerCalledBack) {
       ASSERT_TRUE(sink.WaitFinished(1));
