@@ -406,6 +406,30 @@ TEST_F(BridgeTest, NoSinkAdvisedRaisesNothingAndAnswersZero) {
   EXPECT_TRUE(sink_.Calls().empty());
 }
 
+// Each text argument in turn fails to allocate: the raise answers
+// E_OUTOFMEMORY (0x8007000E) without calling any sink.
+TEST_F(BridgeTest, AFailedArgumentStringAllocationIsReportedAsOutOfMemory) {
+  EXPECT_EQ(E_OUTOFMEMORY, static_cast<HRESULT>(0x8007000E));
+  Variant result;
+  platform::FailBstrAllocationForTesting(1);
+  EXPECT_EQ(bridge_.WriteLog(L"line"), E_OUTOFMEMORY);
+  platform::FailBstrAllocationForTesting(1);
+  EXPECT_EQ(bridge_.RegisterTopic(L"TRADE.HOT.MONTH", &result), E_OUTOFMEMORY);
+  platform::FailBstrAllocationForTesting(1);
+  EXPECT_EQ(bridge_.GetTopicData(L"NordaSystemTime", &result), E_OUTOFMEMORY);
+  // SendTopic allocates the topic, the text and the data's text.
+  for (int nth = 1; nth <= 3; ++nth) {
+    SCOPED_TRACE(testing::Message() << "allocation " << nth << " fails");
+    Variant data = Variant::Text(L"data");
+    platform::FailBstrAllocationForTesting(nth);
+    EXPECT_EQ(bridge_.SendTopic(L"TRADE.NEWORDER", 1, 1, L"SIDE=1", &data, &result), E_OUTOFMEMORY);
+  }
+  platform::FailBstrAllocationForTesting(0);
+  EXPECT_TRUE(sink_.Calls().empty());
+  EXPECT_EQ(bridge_.WriteLog(L"line"), S_OK);
+  EXPECT_EQ(sink_.Calls().size(), 1u);
+}
+
 void RaiseFromTimer(unsigned, void* context) { static_cast<EventBridge*>(context)->WriteLog(L"from the timer"); }
 
 TEST_F(BridgeTest, ARaiseFromATimerThreadReachesTheSinkMadeOnTheHostThread) {
