@@ -4,7 +4,8 @@
 // starts (one per armed timer, the volume worker) and every callback that
 // outlives the object keeps DllCanUnloadNow at S_FALSE and the module mapped
 // until it has left the DLL's code; a module freed under such a thread would
-// crash this program.
+// crash this program. The manager's own flows raise host events from its
+// timer threads and from the base-data event thread.
 #include <windows.h>
 #include <oleauto.h>
 #include <ocidl.h>
@@ -18,6 +19,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "data/base_data.h"
 #include "module/win/qx_trade_slice_manager.h"
@@ -74,8 +77,10 @@ class HostSink final : public IDispatch {
     }
     if (dispid != 7 || params->cArgs != 1 || params->rgvarg[0].vt != VT_BSTR) return S_OK;
     const std::wstring line(params->rgvarg[0].bstrVal, SysStringLen(params->rgvarg[0].bstrVal));
-    if (line.rfind(kFinishLine, 0) != 0) return S_OK;
     std::unique_lock<std::mutex> guard(lock_);
+    lines_.push_back({line, GetCurrentThreadId()});
+    changed_.notify_all();
+    if (line.rfind(kFinishLine, 0) != 0) return S_OK;
     ++finished_;
     changed_.notify_all();
     if (hold_) changed_.wait_for(guard, kDeadline, [this] { return !hold_; });
@@ -91,6 +96,20 @@ class HostSink final : public IDispatch {
     hold_ = false;
     changed_.notify_all();
   }
+  // The thread of the first log line that starts with `prefix`, once it has
+  // come; 0 when it never does.
+  DWORD WaitForLine(const std::wstring& prefix) {
+    std::unique_lock<std::mutex> guard(lock_);
+    DWORD thread = 0;
+    changed_.wait_for(guard, kDeadline, [&] {
+      for (const auto& [line, from] : lines_) {
+        if (line.rfind(prefix, 0) == 0) thread = from;
+        if (thread != 0) return true;
+      }
+      return false;
+    });
+    return thread;
+  }
   bool WaitFinished(int count) {
     std::unique_lock<std::mutex> guard(lock_);
     return changed_.wait_for(guard, kDeadline, [&] { return finished_ >= count; });
@@ -103,6 +122,7 @@ class HostSink final : public IDispatch {
   std::atomic<LONG> system_time_cookie_{0};
   std::mutex lock_;
   std::condition_variable changed_;
+  std::vector<std::pair<std::wstring, DWORD>> lines_;  // WriteLog lines and their threads
   int finished_ = 0;
   bool hold_ = false;
 };
@@ -314,6 +334,65 @@ TEST(ModuleUnloadTest, DllCanUnloadNowGoesFromSFalseToSOkWhenALateTimerCallbackH
   // The last release returned; the callback still runs.
   EXPECT_EQ(dll.CanUnloadNow(), S_FALSE);
   sink.Let();
+  EXPECT_TRUE(dll.WaitUntilUnloadable());
+  dll.Free();
+  EXPECT_TRUE(WaitUntilUnmapped());
+}
+
+// A child order of slice "S-K-flow": "TRADE.HOT.MONTH" listens to it.
+class ChildOrder : public HostRecord {
+ public:
+  ChildOrder() : HostRecord(Fields().fields) {}
+
+ private:
+  struct FieldList {
+    TsmField fields[4];
+  };
+  static FieldList Fields() {
+    return {{{L"SliceID", Variant::Text(L"S-K-flow")},
+             {L"LevelKey", Variant::Text(L"C-flow")},
+             {L"ExecType", Variant::I4(0)},
+             {L"SlicedType", Variant::I4(1)}}};
+  }
+};
+
+// The manager's own flows raise on its other threads: timer 102 logs the end
+// of slicing of a kept parent on its timer thread; a change of a listened
+// child order is logged from the base-data component's event thread. Both
+// reach the sink the host made and advised on its own thread.
+TEST(ManagerThreadEventsTest, EventsFromATimerThreadAndFromTheDataEventThreadReachTheHostsSink) {
+  ASSERT_EQ(GetModuleHandleW(kDllName), nullptr);
+  LoadedDll dll;
+  ASSERT_TRUE(dll.ok());
+  HostSink sink;
+  ParentOrder parent(L"K-flow");
+  ChildOrder child;
+  const DWORD host_thread = GetCurrentThreadId();
+  {
+    ComPtr<INordaManager> manager = dll.Create();
+    ASSERT_TRUE(manager);
+    ASSERT_NE(AdviseHostSink(manager.get(), &sink), 0u);
+    EXPECT_EQ(manager->SetStage(1, 1), S_OK);
+    EXPECT_EQ(KeepParent(manager.get(), parent), S_OK);
+    const DWORD timer_thread = sink.WaitForLine(kFinishLine);
+    EXPECT_NE(timer_thread, 0u);
+    EXPECT_NE(timer_thread, host_thread);
+
+    UniqueBstr topic(L"TRADE.HOT.MONTH");
+    UniqueBstr index(L"1");
+    VARIANT data;
+    VariantInit(&data);
+    data.vt = VT_I4;
+    data.lVal = child.Cookie();
+    EXPECT_EQ(manager->SetTopic(topic.get(), 0, 0, index.get(), &data), S_OK);
+    child.Write(L"ExecType", 1);
+    const DWORD event_thread =
+        sink.WaitForLine(L"<CTradeSliceManager>OnDataUpdate : LevelKey=C-flow, SliceID=S-K-flow, ExecType=1");
+    EXPECT_NE(event_thread, 0u);
+    EXPECT_NE(event_thread, host_thread);
+    EXPECT_NE(event_thread, timer_thread);
+    EXPECT_EQ(manager->SetStage(1, 4), S_OK);
+  }
   EXPECT_TRUE(dll.WaitUntilUnloadable());
   dll.Free();
   EXPECT_TRUE(WaitUntilUnmapped());
