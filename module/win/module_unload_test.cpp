@@ -304,7 +304,7 @@ void OneRound(int round, ReleasePoint when) {
 }
 
 TEST(ModuleUnloadTest, FreeingTheDllOnceItAllowsNeverCutsOffItsThreads) {
-  constexpr int kRounds = 40;
+  constexpr int kRounds = 100;
   for (int round = 0; round < kRounds; ++round) {
     OneRound(round, round % 2 == 0 ? ReleasePoint::kTimerArmed : ReleasePoint::kTimerCalledBack);
     if (HasFatalFailure()) return;
