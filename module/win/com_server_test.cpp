@@ -19,6 +19,7 @@
 
 #include "module/win/event_bridge.h"
 #include "module/win/qx_trade_slice_manager.h"
+#include "module/win/test_host_sink.h"
 #include "module/win/sink_point.h"
 #include "platform/virtual_clock.h"
 #include "platform/win/com_win.h"
@@ -52,23 +53,8 @@ std::wstring Text(const VARIANT& value) {
 // The host's event sink: records every Invoke. GetTopicData answers VT_I4 0,
 // RegisterTopic VT_I4 1, SendTopic VT_BSTR "sent" and rewrites its data
 // argument to VT_I4 42.
-class RecordingSink final : public IDispatch {
+class RecordingSink final : public TestHostSink {
  public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
-    *out = nullptr;
-    if (iid != IID_IUnknown && iid != IID_IDispatch && iid != DIID__INordaManagerEvents) return E_NOINTERFACE;
-    AddRef();
-    *out = static_cast<IDispatch*>(this);
-    return S_OK;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-  ULONG STDMETHODCALLTYPE Release() override { return --refs_; }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE Invoke(DISPID dispid, REFIID, LCID lcid, WORD flags, DISPPARAMS* params,
                                    VARIANT* result, EXCEPINFO*, UINT*) override {
     SinkCall call{dispid, {}, GetCurrentThreadId()};
@@ -111,7 +97,6 @@ class RecordingSink final : public IDispatch {
   }
 
  private:
-  std::atomic<ULONG> refs_{1};
   std::mutex lock_;
   std::condition_variable changed_;
   std::vector<SinkCall> calls_;

@@ -24,6 +24,7 @@
 
 #include "data/base_data.h"
 #include "module/win/qx_trade_slice_manager.h"
+#include "module/win/test_host_sink.h"
 #include "platform/win/com_win.h"
 #include "testing/component_binding.h"
 #include "tradeslice/base_data_api.h"
@@ -47,23 +48,8 @@ constexpr wchar_t kFinishLine[] = L"<CTradeSliceManager>[Sliced Send End order] 
 // and no record for any other topic. A WriteLog of the timer
 // 102 callback is counted; while `hold` is set, that callback waits inside
 // the sink until `Let()`.
-class HostSink final : public IDispatch {
+class HostSink final : public TestHostSink {
  public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
-    *out = nullptr;
-    if (iid != IID_IUnknown && iid != IID_IDispatch && iid != DIID__INordaManagerEvents) return E_NOINTERFACE;
-    AddRef();
-    *out = static_cast<IDispatch*>(this);
-    return S_OK;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-  ULONG STDMETHODCALLTYPE Release() override { return --refs_; }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE Invoke(DISPID dispid, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT* result,
                                    EXCEPINFO*, UINT*) override {
     if (result != nullptr) {
@@ -114,11 +100,9 @@ class HostSink final : public IDispatch {
     std::unique_lock<std::mutex> guard(lock_);
     return changed_.wait_for(guard, kDeadline, [&] { return finished_ >= count; });
   }
-  ULONG refs() const { return refs_.load(); }
   void SetSystemTimeCookie(LONG cookie) { system_time_cookie_ = cookie; }
 
  private:
-  std::atomic<ULONG> refs_{1};
   std::atomic<LONG> system_time_cookie_{0};
   std::mutex lock_;
   std::condition_variable changed_;
@@ -259,14 +243,19 @@ DWORD AdviseHostSink(INordaManager* manager, IDispatch* sink) {
   return cookie;
 }
 
-HRESULT KeepParent(INordaManager* manager, ParentOrder& order) {
-  UniqueBstr topic(L"TRADE.SLICE.MANAGER");
-  UniqueBstr index(L"0");
+// Delivers `record` under `topic` with the order index `index`.
+HRESULT SetRecordTopic(INordaManager* manager, const wchar_t* topic, const wchar_t* index, HostRecord& record) {
+  UniqueBstr topic_text(topic);
+  UniqueBstr index_text(index);
   VARIANT data;
   VariantInit(&data);
   data.vt = VT_I4;
-  data.lVal = order.Cookie();
-  return manager->SetTopic(topic.get(), 0, 0, index.get(), &data);
+  data.lVal = record.Cookie();
+  return manager->SetTopic(topic_text.get(), 0, 0, index_text.get(), &data);
+}
+
+HRESULT KeepParent(INordaManager* manager, ParentOrder& order) {
+  return SetRecordTopic(manager, L"TRADE.SLICE.MANAGER", L"0", order);
 }
 
 // How far the object gets before the host lets go, in turn over the rounds:
@@ -378,13 +367,7 @@ TEST(ManagerThreadEventsTest, EventsFromATimerThreadAndFromTheDataEventThreadRea
     EXPECT_NE(timer_thread, 0u);
     EXPECT_NE(timer_thread, host_thread);
 
-    UniqueBstr topic(L"TRADE.HOT.MONTH");
-    UniqueBstr index(L"1");
-    VARIANT data;
-    VariantInit(&data);
-    data.vt = VT_I4;
-    data.lVal = child.Cookie();
-    EXPECT_EQ(manager->SetTopic(topic.get(), 0, 0, index.get(), &data), S_OK);
+    EXPECT_EQ(SetRecordTopic(manager.get(), L"TRADE.HOT.MONTH", L"1", child), S_OK);
     child.Write(L"ExecType", 1);
     const DWORD event_thread =
         sink.WaitForLine(L"<CTradeSliceManager>OnDataUpdate : LevelKey=C-flow, SliceID=S-K-flow, ExecType=1");
