@@ -12,7 +12,9 @@ namespace tsm {
 
 // Starts `body` on a new detached thread whose stack reserves `stack_bytes`
 // (0: the platform default). Returns 0 on success, otherwise the system's
-// error code for the failure.
+// error code for the failure. The thread holds this module (module_hold.h)
+// until it has left the module's code; on Windows it also keeps a reference
+// to the module's image, let go of as it exits.
 uint32_t StartThread(std::function<void()> body, std::size_t stack_bytes);
 
 // Enters the multithreaded COM apartment for the current thread's lifetime

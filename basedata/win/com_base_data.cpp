@@ -46,9 +46,15 @@ ITypeInfo* TypeInfo() {
 
 // Delivers the events of one connection: fetches the sink from the global
 // interface table on the event thread and invokes it by DISPID.
+//
+// The connection also holds the module whose code the sink runs: that module
+// can then not be unmapped while the event thread may still call into it, and
+// the last reference is let go of here, in a module that stays loaded.
 class EventForwarder final : public IBaseDataEvents {
  public:
-  explicit EventForwarder(DWORD sink_cookie) : sink_cookie_(sink_cookie) { ModuleLock(); }
+  EventForwarder(DWORD sink_cookie, IUnknown* sink) : sink_cookie_(sink_cookie), sink_module_(ModuleOf(sink)) {
+    ModuleLock();
+  }
   EventForwarder(const EventForwarder&) = delete;
   EventForwarder& operator=(const EventForwarder&) = delete;
 
@@ -83,7 +89,19 @@ class EventForwarder final : public IBaseDataEvents {
  private:
   ~EventForwarder() {
     if (::IGlobalInterfaceTable* table = ProcessInterfaceTable()) table->RevokeInterfaceFromGlobal(sink_cookie_);
+    if (sink_module_ != nullptr) FreeLibrary(sink_module_);
     ModuleUnlock();
+  }
+
+  // A reference to the module that holds the object's interface table, or
+  // null.
+  static HMODULE ModuleOf(IUnknown* object) {
+    HMODULE module = nullptr;
+    const void* table = *reinterpret_cast<void* const*>(object);
+    if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, static_cast<LPCWSTR>(table), &module)) {
+      return nullptr;
+    }
+    return module;
   }
 
   void Raise(DISPID dispid, VARIANTARG* args, UINT count) {
@@ -96,6 +114,7 @@ class EventForwarder final : public IBaseDataEvents {
 
   std::atomic<uint32_t> refs_{1};
   const DWORD sink_cookie_;
+  const HMODULE sink_module_;  // a reference of the forwarder's own, or null
 };
 
 class ComBaseData final : public IQXBaseData,
@@ -242,7 +261,7 @@ class ComBaseData final : public IQXBaseData,
     if (table == nullptr || FAILED(table->RegisterInterfaceInGlobal(events.get(), IID_IDispatch, &sink_cookie))) {
       return CONNECT_E_CANNOTCONNECT;
     }
-    EventForwarder* forwarder = new (std::nothrow) EventForwarder(sink_cookie);
+    EventForwarder* forwarder = new (std::nothrow) EventForwarder(sink_cookie, events.get());
     if (forwarder == nullptr) {
       table->RevokeInterfaceFromGlobal(sink_cookie);
       return E_OUTOFMEMORY;

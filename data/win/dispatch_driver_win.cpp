@@ -13,6 +13,7 @@
 #include "basedata/base_data_guids.h"
 #include "data/base_data.h"
 #include "data/dispatch_driver.h"
+#include "platform/module_hold.h"
 #include "platform/win/com_win.h"
 
 namespace tsm {
@@ -140,6 +141,9 @@ class EventSink final : public IDispatch {
   std::atomic<ULONG> refs_{1};
   const std::shared_ptr<DispatchEventHandler> handler_;
   ComPtr<IUnknown> marshaler_;
+  // The component's event thread calls in here, possibly after the object
+  // that listened is gone: the module stays until the sink does.
+  const ModuleHold hold_;
 };
 
 ComPtr<IConnectionPoint> EventConnectionPoint(IDispatch* dispatch) {

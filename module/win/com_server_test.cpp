@@ -19,6 +19,7 @@
 
 #include "module/win/event_bridge.h"
 #include "module/win/qx_trade_slice_manager.h"
+#include "module/win/test_host_sink.h"
 #include "module/win/sink_point.h"
 #include "platform/virtual_clock.h"
 #include "platform/win/com_win.h"
@@ -52,23 +53,8 @@ std::wstring Text(const VARIANT& value) {
 // The host's event sink: records every Invoke. GetTopicData answers VT_I4 0,
 // RegisterTopic VT_I4 1, SendTopic VT_BSTR "sent" and rewrites its data
 // argument to VT_I4 42.
-class RecordingSink final : public IDispatch {
+class RecordingSink final : public TestHostSink {
  public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
-    *out = nullptr;
-    if (iid != IID_IUnknown && iid != IID_IDispatch && iid != DIID__INordaManagerEvents) return E_NOINTERFACE;
-    AddRef();
-    *out = static_cast<IDispatch*>(this);
-    return S_OK;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-  ULONG STDMETHODCALLTYPE Release() override { return --refs_; }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE Invoke(DISPID dispid, REFIID, LCID lcid, WORD flags, DISPPARAMS* params,
                                    VARIANT* result, EXCEPINFO*, UINT*) override {
     SinkCall call{dispid, {}, GetCurrentThreadId()};
@@ -111,7 +97,6 @@ class RecordingSink final : public IDispatch {
   }
 
  private:
-  std::atomic<ULONG> refs_{1};
   std::mutex lock_;
   std::condition_variable changed_;
   std::vector<SinkCall> calls_;
@@ -404,6 +389,30 @@ TEST_F(BridgeTest, NoSinkAdvisedRaisesNothingAndAnswersZero) {
   EXPECT_EQ(bridge_.GetTopicData(L"NordaSystemTime", &result), S_OK);
   EXPECT_TRUE(result.IsEmpty());
   EXPECT_TRUE(sink_.Calls().empty());
+}
+
+// Each text argument in turn fails to allocate: the raise answers
+// E_OUTOFMEMORY (0x8007000E) without calling any sink.
+TEST_F(BridgeTest, AFailedArgumentStringAllocationIsReportedAsOutOfMemory) {
+  EXPECT_EQ(E_OUTOFMEMORY, static_cast<HRESULT>(0x8007000E));
+  Variant result;
+  platform::FailBstrAllocationForTesting(1);
+  EXPECT_EQ(bridge_.WriteLog(L"line"), E_OUTOFMEMORY);
+  platform::FailBstrAllocationForTesting(1);
+  EXPECT_EQ(bridge_.RegisterTopic(L"TRADE.HOT.MONTH", &result), E_OUTOFMEMORY);
+  platform::FailBstrAllocationForTesting(1);
+  EXPECT_EQ(bridge_.GetTopicData(L"NordaSystemTime", &result), E_OUTOFMEMORY);
+  // SendTopic allocates the topic, the text and the data's text.
+  for (int nth = 1; nth <= 3; ++nth) {
+    SCOPED_TRACE(testing::Message() << "allocation " << nth << " fails");
+    Variant data = Variant::Text(L"data");
+    platform::FailBstrAllocationForTesting(nth);
+    EXPECT_EQ(bridge_.SendTopic(L"TRADE.NEWORDER", 1, 1, L"SIDE=1", &data, &result), E_OUTOFMEMORY);
+  }
+  platform::FailBstrAllocationForTesting(0);
+  EXPECT_TRUE(sink_.Calls().empty());
+  EXPECT_EQ(bridge_.WriteLog(L"line"), S_OK);
+  EXPECT_EQ(sink_.Calls().size(), 1u);
 }
 
 void RaiseFromTimer(unsigned, void* context) { static_cast<EventBridge*>(context)->WriteLog(L"from the timer"); }

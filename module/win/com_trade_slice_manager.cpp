@@ -21,6 +21,49 @@ namespace tsm::module {
 
 namespace {
 
+// The _INordaManagerEvents point and the bridge the core raises through,
+// counted apart from the object: the object holds one reference, the core one
+// while the bridge is advised and one more for every raise in progress. A
+// timer callback that outlives the object (the core leaves itself to its last
+// callback) thus still raises through a live point, to the sinks still
+// advised on it.
+class HostEvents final : public tsm::INordaManagerEvents {
+ public:
+  // `owner` and `container` are the object's, for the point's COM methods,
+  // which only holders of the object can call.
+  HostEvents(IUnknown* owner, IConnectionPointContainer* container)
+      : point_(DIID__INordaManagerEvents, owner, container), bridge_(&point_) {}
+  HostEvents(const HostEvents&) = delete;
+  HostEvents& operator=(const HostEvents&) = delete;
+
+  SinkPoint* point() { return &point_; }
+
+  uint32_t AddRef() override { return ++refs_; }
+  uint32_t Release() override {
+    const uint32_t left = --refs_;
+    if (left == 0) delete this;
+    return left;
+  }
+  HResult RegisterTopic(const std::wstring& topic, Variant* result) override {
+    return bridge_.RegisterTopic(topic, result);
+  }
+  HResult GetTopicData(const std::wstring& topic, Variant* result) override {
+    return bridge_.GetTopicData(topic, result);
+  }
+  HResult SendTopic(const std::wstring& topic, int32_t param1, int32_t param2, const std::wstring& text,
+                    Variant* data, Variant* result) override {
+    return bridge_.SendTopic(topic, param1, param2, text, data, result);
+  }
+  HResult WriteLog(const std::wstring& line) override { return bridge_.WriteLog(line); }
+
+ private:
+  ~HostEvents() = default;
+
+  std::atomic<uint32_t> refs_{1};
+  SinkPoint point_;
+  EventBridge bridge_;
+};
+
 class ComTradeSliceManager final : public ITradeSliceManager,
                                    public ::INordaManager,
                                    public IConnectionPointContainer {
@@ -29,22 +72,25 @@ class ComTradeSliceManager final : public ITradeSliceManager,
       : controlling_(outer != nullptr ? outer : &inner_),
         inner_(this),
         core_(core),
-        manager_events_(DIID__INordaManagerEvents, controlling_, this),
         own_events_(DIID__ITradeSliceManagerEvents, controlling_, this),
-        bridge_(&manager_events_) {
+        host_events_(new (std::nothrow) HostEvents(controlling_, this)) {
     ObjectCreated();
   }
   ~ComTradeSliceManager() {
-    // The core stops its threads as it goes; nothing raises on the bridge
-    // after this.
+    // A callback that outlives the object keeps the host events alive
+    // through its own reference for as long as it raises.
     core_->Unadvise(bridge_cookie_);
     core_->Release();
+    if (host_events_ != nullptr) host_events_->Release();
     ObjectDestroyed();
   }
   ComTradeSliceManager(const ComTradeSliceManager&) = delete;
   ComTradeSliceManager& operator=(const ComTradeSliceManager&) = delete;
 
-  HRESULT Connect() { return core_->Advise(&bridge_, &bridge_cookie_); }
+  HRESULT Connect() {
+    if (host_events_ == nullptr) return E_OUTOFMEMORY;
+    return core_->Advise(host_events_, &bridge_cookie_);
+  }
   IUnknown* Inner() { return &inner_; }
 
   // IUnknown, delegated to the controlling unknown.
@@ -111,7 +157,7 @@ class ComTradeSliceManager final : public ITradeSliceManager,
     if (out == nullptr) return E_POINTER;
     *out = nullptr;
     SinkPoint* point = nullptr;
-    if (iid == DIID__INordaManagerEvents) point = &manager_events_;
+    if (iid == DIID__INordaManagerEvents) point = host_events_->point();
     if (iid == DIID__ITradeSliceManagerEvents) point = &own_events_;
     if (point == nullptr) return CONNECT_E_NOCONNECTION;
     point->AddRef();
@@ -159,9 +205,8 @@ class ComTradeSliceManager final : public ITradeSliceManager,
   IUnknown* controlling_;
   InnerUnknown inner_;
   tsm::CTradeSliceManager* core_;  // one reference
-  SinkPoint manager_events_;
   SinkPoint own_events_;
-  EventBridge bridge_;
+  HostEvents* host_events_;  // one reference; null only when it could not be made
   uint32_t bridge_cookie_ = 0;
 };
 
@@ -223,7 +268,7 @@ class PointEnumerator final : public IEnumConnectionPoints {
 
 HRESULT ComTradeSliceManager::EnumConnectionPoints(IEnumConnectionPoints** out) {
   if (out == nullptr) return E_POINTER;
-  auto* enumerator = new (std::nothrow) PointEnumerator(this, &own_events_, &manager_events_);
+  auto* enumerator = new (std::nothrow) PointEnumerator(this, &own_events_, host_events_->point());
   if (enumerator == nullptr) return E_OUTOFMEMORY;
   enumerator->AddRef();
   *out = enumerator;

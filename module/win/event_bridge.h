@@ -15,9 +15,9 @@
 
 namespace tsm::module {
 
-// Lives inside the COM object; the core holds it until the core is
-// destroyed, which the object does first. Its reference count is the
-// object's concern, so AddRef and Release do nothing.
+// Lives inside whatever holds its point (the COM object's counted host
+// events), whose count is the one that matters: AddRef and Release here do
+// nothing.
 class EventBridge final : public tsm::INordaManagerEvents {
  public:
   explicit EventBridge(SinkPoint* point) : point_(point) {}

@@ -2,6 +2,8 @@
 
 #include <atomic>
 
+#include "platform/module_hold.h"
+
 namespace tsm::module {
 
 namespace {
@@ -15,7 +17,9 @@ void ObjectCreated() { ++g_objects; }
 void ObjectDestroyed() { --g_objects; }
 void ServerLock() { ++g_locks; }
 void ServerUnlock() { --g_locks; }
-HRESULT CanUnloadNow() { return g_objects.load() == 0 && g_locks.load() == 0 ? S_OK : S_FALSE; }
+HRESULT CanUnloadNow() {
+  return g_objects.load() == 0 && g_locks.load() == 0 && ModuleHolds() == 0 ? S_OK : S_FALSE;
+}
 
 void SetClockForNewObjects(IClock* clock) { g_clock = clock; }
 IClock* ClockForNewObjects() { return g_clock.load(); }

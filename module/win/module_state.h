@@ -1,5 +1,5 @@
-// What keeps TradeSliceManager.dll loaded: live COM objects and class-object
-// locks (DllCanUnloadNow), and the module's handle and path.
+// What keeps TradeSliceManager.dll loaded: live COM objects, class-object
+// locks and module holds (DllCanUnloadNow), and the module's handle and path.
 //
 // Threading: the counts are atomic; any thread.
 #pragma once
@@ -16,7 +16,9 @@ void ObjectCreated();
 void ObjectDestroyed();
 void ServerLock();
 void ServerUnlock();
-// S_OK only with no object alive and no lock held; S_FALSE otherwise.
+// S_OK only with no object alive, no lock held and no hold on the module
+// (platform/module_hold.h: threads of the module, callbacks that outlive their
+// object); S_FALSE otherwise.
 HRESULT CanUnloadNow();
 
 // The clock new objects are made with (null: the wall clock).

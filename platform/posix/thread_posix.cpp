@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 
+#include "platform/module_hold.h"
 #include "platform/thread.h"
 
 namespace tsm {
@@ -12,8 +13,11 @@ namespace platform {
 
 namespace {
 void* ThreadEntry(void* arg) {
-  std::unique_ptr<std::function<void()>> body(static_cast<std::function<void()>*>(arg));
-  (*body)();
+  {
+    std::unique_ptr<std::function<void()>> body(static_cast<std::function<void()>*>(arg));
+    (*body)();
+  }
+  ReleaseModule();
   return nullptr;
 }
 }  // namespace

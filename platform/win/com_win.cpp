@@ -1,6 +1,22 @@
 #include "platform/win/com_win.h"
 
+#include <atomic>
+
 namespace tsm::platform {
+
+namespace {
+// Allocations left until the one that fails; 0: none fails.
+std::atomic<int> g_failing_bstr_countdown{0};
+}  // namespace
+
+BSTR AllocateBstr(const std::wstring& text) {
+  if (g_failing_bstr_countdown.load(std::memory_order_relaxed) > 0 && g_failing_bstr_countdown.fetch_sub(1) == 1) {
+    return nullptr;
+  }
+  return SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+}
+
+void FailBstrAllocationForTesting(int nth) { g_failing_bstr_countdown = nth; }
 
 HRESULT ToVariant(const Variant& value, VARIANT* out) {
   switch (value.type()) {
@@ -13,8 +29,7 @@ HRESULT ToVariant(const Variant& value, VARIANT* out) {
       out->llVal = value.i8();
       return S_OK;
     case VarType::BStr: {
-      const std::wstring& text = value.text();
-      BSTR bstr = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+      BSTR bstr = AllocateBstr(value.text());
       if (bstr == nullptr) return E_OUTOFMEMORY;
       out->vt = VT_BSTR;
       out->bstrVal = bstr;

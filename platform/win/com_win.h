@@ -66,12 +66,17 @@ class ComPtr {
   T* raw_ = nullptr;
 };
 
-// One BSTR, freed with the owner.
+// A new BSTR holding `text`, or null when it cannot be allocated.
+BSTR AllocateBstr(const std::wstring& text);
+// Test hook: the `nth` next call of AllocateBstr in this module (1: the very
+// next) fails as if out of memory, once; 0 cancels.
+void FailBstrAllocationForTesting(int nth);
+
+// One BSTR, freed with the owner; null when it could not be allocated.
 class UniqueBstr {
  public:
   UniqueBstr() = default;
-  explicit UniqueBstr(const std::wstring& text)
-      : bstr_(SysAllocStringLen(text.data(), static_cast<UINT>(text.size()))) {}
+  explicit UniqueBstr(const std::wstring& text) : bstr_(AllocateBstr(text)) {}
   ~UniqueBstr() { SysFreeString(bstr_); }
   UniqueBstr(const UniqueBstr&) = delete;
   UniqueBstr& operator=(const UniqueBstr&) = delete;

@@ -1,10 +1,10 @@
 #include <windows.h>
 #include <objbase.h>
-#include <process.h>
 
 #include <functional>
 #include <memory>
 
+#include "platform/module_hold.h"
 #include "platform/thread.h"
 
 namespace tsm {
@@ -12,21 +12,48 @@ namespace tsm {
 namespace platform {
 
 namespace {
-unsigned __stdcall ThreadEntry(void* arg) {
-  std::unique_ptr<std::function<void()>> body(static_cast<std::function<void()>*>(arg));
-  (*body)();
-  return 0;
+
+struct ThreadStart {
+  std::function<void()>* body;
+  // A reference to the module that holds this code, the thread's own.
+  HMODULE module;
+};
+
+// Ends by letting go of the module's hold and then of the thread's own module
+// reference inside FreeLibraryAndExitThread, which does not return: once the
+// count says the module may go, this thread runs none of its code again, and
+// the module cannot be unmapped before the thread has left it.
+DWORD WINAPI ThreadEntry(void* arg) {
+  HMODULE module = nullptr;
+  {
+    std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(arg));
+    module = start->module;
+    std::unique_ptr<std::function<void()>> body(start->body);
+    (*body)();
+  }
+  ReleaseModule();
+  FreeLibraryAndExitThread(module, 0);
 }
+
 }  // namespace
 
 uint32_t StartNativeThread(std::function<void()>* body, std::size_t stack_bytes) {
-  const uintptr_t handle = _beginthreadex(nullptr, static_cast<unsigned>(stack_bytes), &ThreadEntry, body,
-                                          STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-  if (handle == 0) {
+  HMODULE module = nullptr;
+  if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&ThreadEntry),
+                          &module)) {
     const DWORD error = GetLastError();
-    return error != 0 ? error : ERROR_NOT_ENOUGH_MEMORY;
+    return error != 0 ? error : ERROR_MOD_NOT_FOUND;
   }
-  CloseHandle(reinterpret_cast<HANDLE>(handle));
+  auto* start = new ThreadStart{body, module};
+  HANDLE handle = CreateThread(nullptr, stack_bytes, &ThreadEntry, start, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+  if (handle == nullptr) {
+    DWORD error = GetLastError();
+    if (error == 0) error = ERROR_NOT_ENOUGH_MEMORY;
+    delete start;
+    FreeLibrary(module);
+    return error;
+  }
+  CloseHandle(handle);
   return 0;
 }
 
