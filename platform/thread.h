@@ -30,6 +30,16 @@ class ComApartment {
   bool entered_ = false;
 };
 
+// Gives the pages of the calling thread's stack that lie more than
+// `keep_bytes` below the caller's frame back to the system; they come back as
+// zero pages if the stack grows into them again. Call it where nothing below
+// the caller is still in use (at the top of a thread body): what lies there
+// is dead. `keep_bytes` must hold the call itself (a few hundred bytes).
+// Under Wine the start of every thread leaves about 964 KiB of its stack
+// resident below the thread body, whatever the stack size; elsewhere there
+// is nothing to give back and this does nothing.
+void ReleaseStackBelowCaller(std::size_t keep_bytes);
+
 // Test hook: while set, StartThread fails with this code instead of starting
 // anything (0 restores normal behaviour).
 void SetThreadStartFailureForTesting(uint32_t error_code);

@@ -178,6 +178,9 @@ void CTimer::TimerThreadProc(TimerEntry* entry) {
     ComApartment apartment;
     ITimerWait& wait = *entry->wait;
     wait.Arm(entry->interval, entry->interval);
+    // Most armed timers only wait: what starting the thread left resident
+    // below this frame goes back before the first wait (see kStackKeptBytes).
+    ReleaseStackBelowCaller(kStackKeptBytes);
     // Anything but the stop event calls back, a failed wait included.
     while (wait.Wait() != 0) {
       // Once Shutdown has finished (called from this thread's own callback)

@@ -1,15 +1,17 @@
 // Timer service on the wall clock: how late callbacks come, and what 2,000
-// armed timers cost to arm and to keep.
+// armed timers cost to arm and to keep, beside what 2,000 bare threads cost.
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
+#include "platform/bare_threads.h"
 #include "platform/process_memory.h"
 #include "tracking/timer.h"
 
@@ -128,31 +130,97 @@ BENCHMARK(BM_PeriodicTimerLateness)->Arg(100)->Arg(10)->Iterations(1)->Unit(benc
 
 void NoOp(unsigned /*id*/, void* /*context*/) {}
 
+// The resident size once the threads just started have all reached their
+// wait: on a loaded machine some start long after they were created, and one
+// caught while starting counts its whole start. Read every 100 ms until two
+// readings differ by less than 256 KiB (10 s at most).
+int64_t SettledResidentBytes() {
+  constexpr int64_t kSteadyBytes = 256 * 1024;
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  int64_t resident = ResidentBytes();
+  for (int reading = 0; reading < 100; ++reading) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const int64_t now = ResidentBytes();
+    const bool steady = now - resident < kSteadyBytes && resident - now < kSteadyBytes;
+    resident = now;
+    if (steady) break;
+  }
+  return resident;
+}
+
+// One batch of 2,000 waiting threads: the iteration's time is what `start`
+// takes; the resident growth is read once they all wait, then `end` is timed.
+struct Footprint {
+  double growth_mib = 0;
+  double end_ms = 0;
+};
+
+template <typename Start, typename End>
+Footprint MeasureFootprint(benchmark::State& state, Start start, End end) {
+  Footprint figures;
+  for (auto _ : state) {
+    const int64_t resident_before = ResidentBytes();
+    const auto starting = std::chrono::steady_clock::now();
+    start();
+    state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - starting).count());
+    figures.growth_mib = static_cast<double>(SettledResidentBytes() - resident_before) / (1024.0 * 1024.0);
+    const auto ending = std::chrono::steady_clock::now();
+    end();
+    figures.end_ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - ending).count();
+  }
+  return figures;
+}
+
 // 2,000 timers armed at once (long intervals, nothing fires): the time to
-// arm them all, and the resident memory they hold while armed.
+// arm them all, the resident memory they hold while armed, and the time to
+// shut them down.
 void BM_ArmTwoThousandTimers(benchmark::State& state) {
   constexpr unsigned kTimers = 2000;
-  double growth_mib = 0;
-  double shutdown_ms = 0;
-  for (auto _ : state) {
-    CTimer timer;
-    const int64_t resident_before = ResidentBytes();
-    const auto start = std::chrono::steady_clock::now();
-    for (unsigned id = 0; id < kTimers; ++id) timer.StartTimer(3001 + id, 600'000, &NoOp, nullptr);
-    const auto armed = std::chrono::steady_clock::now();
-    state.SetIterationTime(std::chrono::duration<double>(armed - start).count());
-    // Let every thread reach its wait before reading the footprint.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    growth_mib = static_cast<double>(ResidentBytes() - resident_before) / (1024.0 * 1024.0);
-    const auto stopping = std::chrono::steady_clock::now();
-    timer.Shutdown();
-    shutdown_ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - stopping).count();
-  }
-  state.counters["rss_growth_MiB"] = growth_mib;
-  state.counters["KiB_per_timer"] = growth_mib * 1024.0 / kTimers;
-  state.counters["shutdown_ms"] = shutdown_ms;
+  std::unique_ptr<CTimer> timer;
+  const Footprint figures = MeasureFootprint(
+      state,
+      [&timer] {
+        timer = std::make_unique<CTimer>();
+        for (unsigned id = 0; id < kTimers; ++id) timer->StartTimer(3001 + id, 600'000, &NoOp, nullptr);
+      },
+      [&timer] {
+        timer->Shutdown();
+        timer.reset();
+      });
+  state.counters["rss_growth_MiB"] = figures.growth_mib;
+  state.counters["KiB_per_timer"] = figures.growth_mib * 1024.0 / kTimers;
+  state.counters["shutdown_ms"] = figures.end_ms;
 }
 BENCHMARK(BM_ArmTwoThousandTimers)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The floor under one thread per armed timer: 2,000 threads made with the
+// system's own call that only wait on one event. The argument is the stack
+// reservation in KiB (0: the executable's default).
+void MeasureBareThreads(benchmark::State& state, bool release_stack) {
+  constexpr int kThreads = 2000;
+  const std::size_t stack_bytes = static_cast<std::size_t>(state.range(0)) * 1024;
+  BareThreads threads;
+  int started = 0;
+  const Footprint figures = MeasureFootprint(
+      state, [&] { started = threads.Start(kThreads, stack_bytes, release_stack); }, [&threads] { threads.Join(); });
+  state.counters["threads"] = started;
+  state.counters["rss_growth_MiB"] = figures.growth_mib;
+  state.counters["KiB_per_thread"] = started > 0 ? figures.growth_mib * 1024.0 / started : 0;
+  state.counters["join_ms"] = figures.end_ms;
+}
+
+void BM_TwoThousandBareThreads(benchmark::State& state) { MeasureBareThreads(state, false); }
+BENCHMARK(BM_TwoThousandBareThreads)->Arg(0)->Arg(64)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The same threads, each first giving back what its start left resident on
+// its stack, as the timer threads do.
+void BM_TwoThousandBareThreadsGivingBackTheirStack(benchmark::State& state) { MeasureBareThreads(state, true); }
+BENCHMARK(BM_TwoThousandBareThreadsGivingBackTheirStack)
+    ->Arg(0)
+    ->Arg(64)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace tsm

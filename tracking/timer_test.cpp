@@ -208,6 +208,51 @@ TEST(TimerTest, OneShotOwnerCallbackRunsOnce) {
   EXPECT_EQ(clock.ArmedTimerCount(), 0);
 }
 
+// Fills `depth` frames of 2 KiB each with a pattern and adds them up on the
+// way back: what the stack holds below the frame the timer thread gave back
+// must be usable memory, and hold what was written.
+int64_t DeepStackSum(int depth) {
+  volatile unsigned char frame[2048];
+  for (std::size_t i = 0; i < sizeof frame; ++i) frame[i] = static_cast<unsigned char>(i + depth);
+  int64_t sum = depth > 1 ? DeepStackSum(depth - 1) : 0;
+  for (std::size_t i = 0; i < sizeof frame; ++i) sum += frame[i];
+  return sum;
+}
+
+int64_t ExpectedDeepStackSum(int depth) {
+  int64_t sum = 0;
+  for (int level = 1; level <= depth; ++level) {
+    for (std::size_t i = 0; i < 2048; ++i) sum += static_cast<unsigned char>(i + level);
+  }
+  return sum;
+}
+
+// A timer thread gives back the stack its start left below its frame before
+// it first waits; callbacks that go deep (the slice manager's go into the
+// host) still have all of it, on every expiry.
+TEST(TimerTest, CallbacksUsingDeepStackRunOnEveryExpiryAfterTheThreadGaveItsStackBack) {
+  constexpr int kDepth = 24;  // 48 KiB, well inside the timer thread's stack
+  struct DeepWork {
+    std::mutex lock;  // guards sums
+    std::vector<int64_t> sums;
+    static void OnTick(unsigned /*id*/, void* context) {
+      auto* self = static_cast<DeepWork*>(context);
+      const int64_t sum = DeepStackSum(kDepth);
+      std::lock_guard<std::mutex> guard(self->lock);
+      self->sums.push_back(sum);
+    }
+  };
+  VirtualClock clock;
+  DeepWork work;
+  CTimer timer(&clock);
+  ASSERT_EQ(timer.StartTimer(3001, 100, &DeepWork::OnTick, &work), 1);
+
+  clock.Advance(300);
+  timer.StopTimer(3001);
+  std::lock_guard<std::mutex> guard(work.lock);
+  EXPECT_EQ(work.sums, std::vector<int64_t>(3, ExpectedDeepStackSum(kDepth)));
+}
+
 // A negative interval (a timed parent without "Interval" gives -2147483648)
 // is refused as the kernel's waitable timer refuses a negative period: the
 // timer is armed in the service's maps but never expires.

@@ -1,6 +1,7 @@
 #include <windows.h>
 #include <objbase.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -58,6 +59,28 @@ uint32_t StartNativeThread(std::function<void()>* body, std::size_t stack_bytes)
 }
 
 }  // namespace platform
+
+void ReleaseStackBelowCaller(std::size_t keep_bytes) {
+  constexpr uintptr_t kPage = 4096;
+  const auto frame = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  if (frame < keep_bytes + kPage) return;
+  const uintptr_t end = (frame - keep_bytes) & ~(kPage - 1);
+  // The stack's reservation holds, from its bottom: reserved pages, the
+  // guard page, then the committed read-write run up to the top (under Wine
+  // the whole stack is committed). Only that run's part below `end` goes back.
+  MEMORY_BASIC_INFORMATION region{};
+  if (VirtualQuery(reinterpret_cast<void*>(end - 1), &region, sizeof region) != sizeof region) return;
+  auto at = reinterpret_cast<uintptr_t>(region.AllocationBase);
+  while (at < end) {
+    if (VirtualQuery(reinterpret_cast<void*>(at), &region, sizeof region) != sizeof region) return;
+    const uintptr_t region_end = reinterpret_cast<uintptr_t>(region.BaseAddress) + region.RegionSize;
+    if (region_end >= end) break;
+    at = region_end;
+  }
+  if (at >= end || region.State != MEM_COMMIT || region.Protect != PAGE_READWRITE) return;
+  // The protection is ignored by MEM_RESET but must be a valid value.
+  VirtualAlloc(reinterpret_cast<void*>(at), end - at, MEM_RESET, PAGE_NOACCESS);
+}
 
 ComApartment::ComApartment() { entered_ = SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)); }
 ComApartment::~ComApartment() {
