@@ -76,7 +76,8 @@ BaseDataObject::Write BaseDataObject::MakeWrite(int32_t kind, const Variant& key
   Write write;
   if (kind == kKindFieldByName && key.type() == VarType::BStr) {
     write.target = Write::Target::kField;
-    write.field = FieldTable::Intern(key.text());
+    write.field = FieldTable::Pooled(key);
+    if (write.field == nullptr) write.field = FieldTable::Intern(key.text());
   } else if (kind == kKindFieldById && key.type() == VarType::I4) {
     write.target = Write::Target::kFieldById;
     write.id = key.i4();
@@ -122,11 +123,13 @@ void BaseDataObject::ApplyLocked(Write write, std::wstring* changed) {
 }
 
 Variant BaseDataObject::GetData(int32_t kind, const Variant& argument) {
+  // A key the name pool made itself names its field without being read.
+  const FieldTable::Name* pooled = kind == kKindFieldByName ? FieldTable::Pooled(argument) : nullptr;
   std::lock_guard<std::mutex> guard(lock_);
   switch (kind) {
     case kKindFieldByName: {
       if (argument.type() != VarType::BStr) return Variant();
-      const Variant* value = fields_by_name_.Find(argument.text());
+      const Variant* value = pooled != nullptr ? fields_by_name_.Find(pooled) : fields_by_name_.Find(argument.text());
       return value != nullptr ? *value : Variant();
     }
     case kKindFieldById: {

@@ -5,16 +5,17 @@
 #include <mutex>
 #include <utility>
 
-#include "data/text.h"
+#include "data/field_name_hash.h"
 
 namespace tsm::basedata {
 
 namespace {
 
 // Every field name the process has used, each stored once. Look-ups take no
-// lock: the open-addressed table of names is only ever added to, by one
-// thread at a time, and a bigger table is published whole. Tables that were
-// replaced stay allocated, as a reader may still be probing one.
+// lock: the open-addressed tables of names (by text, and by the address of
+// each name's key text) are only ever added to, by one thread at a time, and
+// bigger tables are published whole. Tables that were replaced stay
+// allocated, as a reader may still be probing one.
 class NamePool {
  public:
   using Name = FieldTable::Name;
@@ -29,12 +30,12 @@ class NamePool {
   NamePool() { Publish(std::make_unique<Table>(kFirstSize)); }
 
   const Name* Intern(std::wstring_view text) {
-    const std::size_t hash = Fnv1aHash(text);
+    const std::size_t hash = FieldNameHash(text);
     if (const Name* found = Find(*current_.load(std::memory_order_acquire), text, hash)) return found;
     std::lock_guard<std::mutex> guard(insert_lock_);
     Table* table = current_.load(std::memory_order_relaxed);
     if (const Name* found = Find(*table, text, hash)) return found;
-    names_.push_back(std::make_unique<Name>(Name{std::wstring(text), hash}));
+    names_.push_back(std::make_unique<Name>(Name{std::wstring(text), hash, Variant::Text(std::wstring(text))}));
     const Name* name = names_.back().get();
     if (names_.size() * 2 > table->slots.size()) {
       auto bigger = std::make_unique<Table>(table->slots.size() * 2);
@@ -46,13 +47,30 @@ class NamePool {
     return name;
   }
 
+  // The pooled name whose key text sits at `at`. A pooled key is never
+  // freed, so no other text can sit at its address.
+  const Name* ByKeyAddress(const wchar_t* at) const {
+    const Table& table = *current_.load(std::memory_order_acquire);
+    const std::size_t mask = table.by_key_address.size() - 1;
+    for (std::size_t i = AddressHash(at) & mask;; i = (i + 1) & mask) {
+      const Name* name = table.by_key_address[i].load(std::memory_order_acquire);
+      if (name == nullptr || name->key.text().data() == at) return name;
+    }
+  }
+
  private:
   static constexpr std::size_t kFirstSize = 256;
 
   struct Table {
-    explicit Table(std::size_t size) : slots(size) {}
-    std::vector<std::atomic<const Name*>> slots;  // a power of two; null: empty
+    explicit Table(std::size_t size) : slots(size), by_key_address(size) {}
+    std::vector<std::atomic<const Name*>> slots;           // a power of two; null: empty
+    std::vector<std::atomic<const Name*>> by_key_address;  // the same names, by their key's address
   };
+
+  static std::size_t AddressHash(const wchar_t* at) {
+    const uint64_t bits = static_cast<uint64_t>(reinterpret_cast<std::uintptr_t>(at));
+    return static_cast<std::size_t>((bits * 0x9E3779B97F4A7C15ull) >> 32);
+  }
 
   static const Name* Find(const Table& table, std::wstring_view text, std::size_t hash) {
     const std::size_t mask = table.slots.size() - 1;
@@ -64,10 +82,15 @@ class NamePool {
   }
 
   static void Place(Table& table, const Name* name) {
-    const std::size_t mask = table.slots.size() - 1;
-    std::size_t i = name->hash & mask;
-    while (table.slots[i].load(std::memory_order_relaxed) != nullptr) i = (i + 1) & mask;
-    table.slots[i].store(name, std::memory_order_release);
+    PlaceAt(table.slots, name->hash, name);
+    PlaceAt(table.by_key_address, AddressHash(name->key.text().data()), name);
+  }
+
+  static void PlaceAt(std::vector<std::atomic<const Name*>>& slots, std::size_t hash, const Name* name) {
+    const std::size_t mask = slots.size() - 1;
+    std::size_t i = hash & mask;
+    while (slots[i].load(std::memory_order_relaxed) != nullptr) i = (i + 1) & mask;
+    slots[i].store(name, std::memory_order_release);
   }
 
   // Under insert_lock_, or from the constructor.
@@ -85,6 +108,11 @@ class NamePool {
 }  // namespace
 
 const FieldTable::Name* FieldTable::Intern(std::wstring_view text) { return NamePool::Instance().Intern(text); }
+
+const FieldTable::Name* FieldTable::Pooled(const Variant& key) {
+  if (key.type() != VarType::BStr) return nullptr;
+  return NamePool::Instance().ByKeyAddress(key.text().data());
+}
 
 std::size_t FieldTable::SlotsFor(std::size_t count) {
   std::size_t size = 16;
@@ -117,7 +145,12 @@ std::size_t FieldTable::Locate(const Name* name) const {
 }
 
 const Variant* FieldTable::Find(std::wstring_view name) const {
-  const std::size_t at = Locate(name, Fnv1aHash(name));
+  const std::size_t at = Locate(name, FieldNameHash(name));
+  return at == slots_.size() ? nullptr : &slots_[at].value;
+}
+
+const Variant* FieldTable::Find(const Name* name) const {
+  const std::size_t at = Locate(name);
   return at == slots_.size() ? nullptr : &slots_[at].value;
 }
 

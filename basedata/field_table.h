@@ -4,7 +4,10 @@
 // field names of the platform are a fixed vocabulary), so an object holds a
 // pointer per field instead of a copy of its name, a write finds its field by
 // that pointer, and a read compares against a pooled name that the other
-// objects keep warm. The fields themselves sit in one open-addressed array
+// objects keep warm. Each pooled name also carries a key (a text variant of
+// the name) that lives as long as the pool: a read or write keyed by that
+// very variant is known by the address of its text, without hashing or
+// comparing the name. The fields themselves sit in one open-addressed array
 // (linear probing, Robin Hood order: an entry never sits farther from its
 // home slot than the entry it passed), so a read of a field usually touches
 // one slot of the array and the pooled name, and a read of an absent field
@@ -31,14 +34,19 @@ class FieldTable {
   struct Name {
     std::wstring text;
     std::size_t hash;
+    Variant key;  // Variant::Text(text); never changes nor moves
   };
 
   // The pooled name of `text`, added to the pool on first use.
   static const Name* Intern(std::wstring_view text);
+  // The pooled name whose own key `key` is (the same object, not an equal
+  // text), or null for any other variant.
+  static const Name* Pooled(const Variant& key);
 
   // The field's value, or null when there is no such field. Valid until the
   // table next changes.
   const Variant* Find(std::wstring_view name) const;
+  const Variant* Find(const Name* name) const;
   // Inserts the field or overwrites its value.
   void Set(const Name* name, Variant value);
   // Removes the field if it is there.

@@ -14,6 +14,8 @@
 #include <rapidjson/document.h>
 #include <rapidjson/encodings.h>
 
+#include "data/component_field_key.h"
+#include "data/field_name_hash.h"
 #include "platform/clock.h"
 #include "platform/module_path.h"
 #include "platform/sync.h"
@@ -43,6 +45,10 @@ constexpr std::size_t kJsonStackBytes = 1024;
 // and their sizes are fixed); when it holds kMaxKeys names, reads by other
 // names make their keys as before.
 //
+// Where the component offers keys of its own (ComponentFieldKey), a kept
+// name holds the component's key, so the object finds the field by the
+// key's address.
+//
 // A name spelt out in the code sits at one address for the life of the
 // process, so the first address read from in each place of a pin table is
 // pinned to its key: a read from that address again only checks that the
@@ -62,7 +68,7 @@ class FieldKeys {
   const Variant* Find(const wchar_t* name) {
     std::atomic<const Pin*>& place = pins_[PinSlot(name)];
     const Pin* pin = place.load(std::memory_order_acquire);
-    if (pin != nullptr && pin->at == name && Holds(name, pin->entry->key.text())) return &pin->entry->key;
+    if (pin != nullptr && pin->at == name && Holds(name, pin->entry->key->text())) return pin->entry->key;
     const Entry* entry = FindEntry(std::wstring_view(name));
     if (entry == nullptr) return nullptr;
     if (pin == nullptr) {
@@ -72,7 +78,14 @@ class FieldKeys {
         place.store(&pins_made_.back(), std::memory_order_release);
       }
     }
-    return &entry->key;
+    return entry->key;
+  }
+
+  // The key for `name` found by its text, or null when it is not kept and
+  // there is no room.
+  const Variant* Find(std::wstring_view name) {
+    const Entry* entry = FindEntry(name);
+    return entry != nullptr ? entry->key : nullptr;
   }
 
  private:
@@ -83,7 +96,8 @@ class FieldKeys {
 
   struct Entry {
     std::size_t hash;
-    Variant key;
+    Variant own_key;     // the key where the component offers none
+    const Variant* key;  // the component's key, or own_key
   };
   struct Pin {
     const wchar_t* at;
@@ -110,19 +124,26 @@ class FieldKeys {
     for (;; i = (i + 1) & kMask) {
       const Entry* entry = slots_[i].load(std::memory_order_acquire);
       if (entry == nullptr) return nullptr;
-      if (entry->hash == hash && entry->key.text() == name) return entry;
+      if (entry->hash == hash && entry->key->text() == name) return entry;
     }
   }
 
   const Entry* FindEntry(std::wstring_view name) {
-    const std::size_t hash = Fnv1aHash(name);
+    const std::size_t hash = FieldNameHash(name);
     std::size_t i = hash & kMask;
     if (const Entry* entry = Probe(i, hash, name)) return entry;
     std::lock_guard<std::mutex> guard(insert_lock_);
     // Another thread may have added it, at this slot or after it.
     if (const Entry* entry = Probe(i, hash, name)) return entry;
     if (entries_.size() >= kMaxKeys) return nullptr;
-    entries_.push_back(std::make_unique<Entry>(Entry{hash, Variant::Text(std::wstring(name))}));
+    auto entry = std::make_unique<Entry>();
+    entry->hash = hash;
+    entry->key = ComponentFieldKey(name);
+    if (entry->key == nullptr) {
+      entry->own_key = Variant::Text(std::wstring(name));
+      entry->key = &entry->own_key;
+    }
+    entries_.push_back(std::move(entry));
     slots_[i].store(entries_.back().get(), std::memory_order_release);
     return entries_.back().get();
   }
@@ -259,7 +280,10 @@ Variant CBaseData::GetData(int32_t kind, const Variant& argument) {
   return driver_.GetData(kind, argument);
 }
 
-Variant CBaseData::GetValue(const CString& field) { return GetData(kKindFieldByName, Variant::Text(field.wstr())); }
+Variant CBaseData::GetValue(const CString& field) {
+  if (const Variant* key = FieldKeys::Instance().Find(field.wstr())) return GetData(kKindFieldByName, *key);
+  return GetData(kKindFieldByName, Variant::Text(field.wstr()));
+}
 
 Variant CBaseData::GetValue(const wchar_t* field) {
   if (field == nullptr) field = L"";
