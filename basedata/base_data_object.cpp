@@ -27,42 +27,45 @@ uint32_t BaseDataObject::Release() {
 }
 
 int32_t BaseDataObject::BeginUpdate() {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   const int32_t id = ++last_update_id_;
-  open_updates_.push_back(OpenUpdate{id, {}});
+  // The room of the last closed update is reused.
+  OpenUpdate& open = open_updates_.emplace_back(OpenUpdate{id, std::exchange(spare_writes_, {})});
   // Room for a typical batch, so that it does not grow step by step.
-  open_updates_.back().writes.reserve(8);
+  if (open.writes.capacity() == 0) open.writes.reserve(8);
   return id;
 }
 
 void BaseDataObject::SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value) {
   Write write = MakeWrite(kind, key, value);
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   for (OpenUpdate& open : open_updates_) {
     if (open.id == update_id) {
       open.writes.push_back(std::move(write));
       return;
     }
   }
-  ApplyLocked(std::move(write), nullptr);
+  ApplyLocked(write, nullptr);
 }
 
 void BaseDataObject::EndUpdate(int32_t update_id) {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   const auto open = std::find_if(open_updates_.begin(), open_updates_.end(),
                                  [update_id](const OpenUpdate& u) { return u.id == update_id; });
   std::wstring changed;
   std::wstring* text = sinks_.empty() ? nullptr : &changed;
   if (open != open_updates_.end()) {
     fields_by_name_.Reserve(fields_by_name_.size() + open->writes.size());
-    for (Write& write : open->writes) ApplyLocked(std::move(write), text);
+    for (Write& write : open->writes) ApplyLocked(write, text);
+    open->writes.clear();
+    spare_writes_ = std::move(open->writes);
     open_updates_.erase(open);
   }
   PostLocked(QueuedEvent::Kind::kUpdate, update_id, std::move(changed));
 }
 
 void BaseDataObject::WriteFirstFields(TsmField* fields, int32_t count) {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   ++last_update_id_;
   fields_by_name_.Reserve(fields_by_name_.size() + static_cast<std::size_t>(count));
   for (int32_t i = 0; i < count; ++i) {
@@ -90,7 +93,7 @@ BaseDataObject::Write BaseDataObject::MakeWrite(int32_t kind, const Variant& key
   return write;
 }
 
-void BaseDataObject::ApplyLocked(Write write, std::wstring* changed) {
+void BaseDataObject::ApplyLocked(Write& write, std::wstring* changed) {
   switch (write.target) {
     case Write::Target::kField:
       if (write.value.IsEmpty()) {
@@ -125,7 +128,7 @@ void BaseDataObject::ApplyLocked(Write write, std::wstring* changed) {
 Variant BaseDataObject::GetData(int32_t kind, const Variant& argument) {
   // A key the name pool made itself names its field without being read.
   const FieldTable::Name* pooled = kind == kKindFieldByName ? FieldTable::Pooled(argument) : nullptr;
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   switch (kind) {
     case kKindFieldByName: {
       if (argument.type() != VarType::BStr) return Variant();
@@ -180,7 +183,7 @@ void BaseDataObject::SetChild(const std::wstring& field, IBaseData* child) {
   if (child != nullptr) child->AddRef();
   ChildSlot old;
   {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<ObjectLock> guard(lock_);
     const auto it = named_children_.find(field);
     if (it != named_children_.end()) {
       old = it->second;
@@ -194,26 +197,26 @@ void BaseDataObject::SetChild(const std::wstring& field, IBaseData* child) {
 void BaseDataObject::AppendChild(IBaseData* child) {
   if (child == nullptr) return;
   child->AddRef();
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   children_.push_back(ChildSlot{child, 0});
 }
 
 void BaseDataObject::ClearChildren() {
   std::vector<ChildSlot> old;
   {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<ObjectLock> guard(lock_);
     old.swap(children_);
   }
   for (const ChildSlot& slot : old) Retire(slot);
 }
 
 void BaseDataObject::FailChildReads(int32_t times) {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   failing_child_reads_ = times > 0 ? times : 0;
 }
 
 void BaseDataObject::RaiseReplace(int32_t id) {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   PostLocked(QueuedEvent::Kind::kReplace, id, std::wstring());
 }
 
@@ -237,7 +240,7 @@ HResult BaseDataObject::Advise(IBaseDataEvents* sink, uint32_t* cookie) {
   *cookie = 0;
   if (sink == nullptr) return kE_INVALIDARG;
   sink->AddRef();
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   if (++last_advise_cookie_ == 0) ++last_advise_cookie_;
   sinks_.push_back(SinkEntry{last_advise_cookie_, sink, std::make_shared<Connection>()});
   *cookie = last_advise_cookie_;
@@ -247,7 +250,7 @@ HResult BaseDataObject::Advise(IBaseDataEvents* sink, uint32_t* cookie) {
 HResult BaseDataObject::Unadvise(uint32_t cookie) {
   IBaseDataEvents* sink = nullptr;
   {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<ObjectLock> guard(lock_);
     const auto it = std::find_if(sinks_.begin(), sinks_.end(),
                                  [cookie](const SinkEntry& entry) { return entry.cookie == cookie; });
     if (it == sinks_.end()) return kE_INVALIDARG;

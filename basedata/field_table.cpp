@@ -154,7 +154,7 @@ const Variant* FieldTable::Find(const Name* name) const {
   return at == slots_.size() ? nullptr : &slots_[at].value;
 }
 
-void FieldTable::Set(const Name* name, Variant value) {
+void FieldTable::Set(const Name* name, Variant&& value) {
   const std::size_t at = Locate(name);
   if (at != slots_.size()) {
     slots_[at].value = std::move(value);
@@ -165,17 +165,31 @@ void FieldTable::Set(const Name* name, Variant value) {
   ++count_;
 }
 
-void FieldTable::Place(const Name* name, Variant value) {
+void FieldTable::Place(const Name* name, Variant&& value) {
   const std::size_t mask = slots_.size() - 1;
-  Slot carried{name, std::move(value)};
-  for (std::size_t i = name->hash & mask, d = 0;; i = (i + 1) & mask, ++d) {
+  std::size_t i = name->hash & mask;
+  std::size_t d = 0;
+  // Most fields find a free slot before any entry has to give way; they are
+  // moved once, straight into it.
+  for (;; i = (i + 1) & mask, ++d) {
     Slot& slot = slots_[i];
     if (slot.name == nullptr) {
-      slot = std::move(carried);
+      slot.name = name;
+      slot.value = std::move(value);
       return;
     }
-    // The entry nearer its home gives way; the one carried on keeps its own
-    // distance.
+    if (Distance(i) < d) break;
+  }
+  // The entry nearer its home gives way; the one carried on keeps its own
+  // distance.
+  Slot carried{name, std::move(value)};
+  for (;; i = (i + 1) & mask, ++d) {
+    Slot& slot = slots_[i];
+    if (slot.name == nullptr) {
+      slot.name = carried.name;
+      slot.value = std::move(carried.value);
+      return;
+    }
     const std::size_t distance = Distance(i);
     if (distance < d) {
       std::swap(slot, carried);

@@ -47,8 +47,8 @@ class FieldTable {
   // table next changes.
   const Variant* Find(std::wstring_view name) const;
   const Variant* Find(const Name* name) const;
-  // Inserts the field or overwrites its value.
-  void Set(const Name* name, Variant value);
+  // Inserts the field or overwrites its value, moving `value` in.
+  void Set(const Name* name, Variant&& value);
   // Removes the field if it is there.
   void Erase(const Name* name);
   // Makes room for `count` fields in all, so that setting that many grows
@@ -69,8 +69,9 @@ class FieldTable {
   // The slot of the field, or slots_.size() when it is absent.
   std::size_t Locate(std::wstring_view text, std::size_t hash) const;
   std::size_t Locate(const Name* name) const;
-  // Places a field known to be absent; room must be there.
-  void Place(const Name* name, Variant value);
+  // Places a field known to be absent, moving `value` in; room must be
+  // there.
+  void Place(const Name* name, Variant&& value);
   // Moves every field into `size` slots (a power of two).
   void Rebuild(std::size_t size);
 
