@@ -71,7 +71,7 @@ void BaseDataObject::WriteFirstFields(TsmField* fields, int32_t count) {
   for (int32_t i = 0; i < count; ++i) {
     TsmField& field = fields[i];
     if (field.name == nullptr || field.value.IsEmpty()) continue;
-    fields_by_name_.Set(FieldTable::Intern(field.name), std::move(field.value));
+    fields_by_name_.Set(FieldTable::InternAt(field.name), std::move(field.value));
   }
 }
 

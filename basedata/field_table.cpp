@@ -5,6 +5,7 @@
 #include <mutex>
 #include <utility>
 
+#include "data/address_pins.h"
 #include "data/field_name_hash.h"
 
 namespace tsm::basedata {
@@ -44,6 +45,13 @@ class NamePool {
     } else {
       Place(*table, name);
     }
+    return name;
+  }
+
+  const Name* InternAt(const wchar_t* text) {
+    if (const Name* pinned = pins_.Find(text)) return pinned;
+    const Name* name = Intern(std::wstring_view(text));
+    pins_.Pin(text, name->text.c_str(), name);
     return name;
   }
 
@@ -100,6 +108,7 @@ class NamePool {
   }
 
   std::atomic<Table*> current_{nullptr};
+  AddressPins<Name> pins_;
   std::mutex insert_lock_;                       // guards names_, tables_ and every insertion
   std::vector<std::unique_ptr<Name>> names_;     // the pooled names
   std::vector<std::unique_ptr<Table>> tables_;   // every table published, the current one last
@@ -108,6 +117,8 @@ class NamePool {
 }  // namespace
 
 const FieldTable::Name* FieldTable::Intern(std::wstring_view text) { return NamePool::Instance().Intern(text); }
+
+const FieldTable::Name* FieldTable::InternAt(const wchar_t* text) { return NamePool::Instance().InternAt(text); }
 
 const FieldTable::Name* FieldTable::Pooled(const Variant& key) {
   if (key.type() != VarType::BStr) return nullptr;

@@ -39,6 +39,9 @@ class FieldTable {
 
   // The pooled name of `text`, added to the pool on first use.
   static const Name* Intern(std::wstring_view text);
+  // The same for a NUL-terminated name, read at its address: a name spelt
+  // out in the code is measured and hashed only the first time.
+  static const Name* InternAt(const wchar_t* text);
   // The pooled name whose own key `key` is (the same object, not an equal
   // text), or null for any other variant.
   static const Name* Pooled(const Variant& key);

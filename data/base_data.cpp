@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,6 +13,7 @@
 #include <rapidjson/document.h>
 #include <rapidjson/encodings.h>
 
+#include "data/address_pins.h"
 #include "data/component_field_key.h"
 #include "data/field_name_hash.h"
 #include "platform/clock.h"
@@ -41,20 +41,14 @@ constexpr std::size_t kJsonStackBytes = 1024;
 
 // The VT_BSTR keys of reads by field name, made once for the process: a
 // read by a name the component spells out then builds no key of its own.
-// Look-ups take no lock (the tables are only ever added to, under a mutex,
-// and their sizes are fixed); when it holds kMaxKeys names, reads by other
-// names make their keys as before.
+// Look-ups take no lock (the table is only ever added to, under a mutex,
+// and its size is fixed); when it holds kMaxKeys names, reads by other
+// names make their keys as before. Where the component offers keys of its
+// own (ComponentFieldKey), a kept name holds the component's key, so the
+// object finds the field by the key's address.
 //
-// Where the component offers keys of its own (ComponentFieldKey), a kept
-// name holds the component's key, so the object finds the field by the
-// key's address.
-//
-// A name spelt out in the code sits at one address for the life of the
-// process, so the first address read from in each place of a pin table is
-// pinned to its key: a read from that address again only checks that the
-// text there is still the key's text, instead of measuring and hashing it.
-// A place once taken keeps its pin, so a buffer reused for many names (not
-// a name in the code) never makes more than one.
+// A name read from an address in the code is pinned there (AddressPins), so
+// that the next read from that address does not measure and hash it again.
 class FieldKeys {
  public:
   // Kept reachable for the life of the process: any thread may be reading.
@@ -66,18 +60,10 @@ class FieldKeys {
   // The key for the text at `name`, or null when it is not kept and there
   // is no room.
   const Variant* Find(const wchar_t* name) {
-    std::atomic<const Pin*>& place = pins_[PinSlot(name)];
-    const Pin* pin = place.load(std::memory_order_acquire);
-    if (pin != nullptr && pin->at == name && Holds(name, pin->entry->key->text())) return pin->entry->key;
+    if (const Entry* pinned = pins_.Find(name)) return pinned->key;
     const Entry* entry = FindEntry(std::wstring_view(name));
     if (entry == nullptr) return nullptr;
-    if (pin == nullptr) {
-      std::lock_guard<std::mutex> guard(insert_lock_);
-      if (place.load(std::memory_order_relaxed) == nullptr) {
-        pins_made_.push_back(Pin{name, entry});
-        place.store(&pins_made_.back(), std::memory_order_release);
-      }
-    }
+    pins_.Pin(name, entry->key->text().c_str(), entry);
     return entry->key;
   }
 
@@ -92,31 +78,12 @@ class FieldKeys {
   static constexpr std::size_t kSlots = 1024;  // a power of two
   static constexpr std::size_t kMask = kSlots - 1;
   static constexpr std::size_t kMaxKeys = kSlots / 2;
-  static constexpr std::size_t kPinSlots = 1024;  // a power of two
 
   struct Entry {
     std::size_t hash;
     Variant own_key;     // the key where the component offers none
-    const Variant* key;  // the component's key, or own_key
+    const Variant* key;  // the component's key, or own_key; never changes
   };
-  struct Pin {
-    const wchar_t* at;
-    const Entry* entry;
-  };
-
-  static std::size_t PinSlot(const wchar_t* name) {
-    const uint64_t bits = static_cast<uint64_t>(reinterpret_cast<std::uintptr_t>(name));
-    return static_cast<std::size_t>((bits * 0x9E3779B97F4A7C15ull) >> 54) & (kPinSlots - 1);
-  }
-
-  // Whether the NUL-terminated text at `at` is exactly `text`. Stops at the
-  // first difference, so it never reads past the end of a shorter text.
-  static bool Holds(const wchar_t* at, std::wstring_view text) {
-    for (const wchar_t c : text) {
-      if (*at++ != c) return false;
-    }
-    return *at == L'\0';
-  }
 
   // Probes from slot `i` for the key; leaves `i` at the empty slot that ends
   // the probe when the key is not there.
@@ -149,10 +116,9 @@ class FieldKeys {
   }
 
   std::atomic<const Entry*> slots_[kSlots] = {};
-  std::atomic<const Pin*> pins_[kPinSlots] = {};
-  std::mutex insert_lock_;                        // guards entries_, pins_made_ and every insertion
+  AddressPins<Entry> pins_;
+  std::mutex insert_lock_;                        // guards entries_ and every insertion
   std::vector<std::unique_ptr<Entry>> entries_;   // the keys kept
-  std::deque<Pin> pins_made_;                     // one per place taken; never moved
 };
 
 }  // namespace
