@@ -132,21 +132,22 @@ std::size_t FieldTable::SlotsFor(std::size_t count) {
 }
 
 std::size_t FieldTable::Distance(std::size_t index) const {
-  return (index - slots_[index].name->hash) & (slots_.size() - 1);
+  return (index - slots_[index].hash) & (slots_.size() - 1);
 }
 
 std::size_t FieldTable::Locate(std::wstring_view text, std::size_t hash) const {
-  if (count_ == 0) return slots_.size();
+  if (fields_.empty()) return slots_.size();
   const std::size_t mask = slots_.size() - 1;
+  const auto low = static_cast<uint32_t>(hash);
   for (std::size_t i = hash & mask, d = 0;; i = (i + 1) & mask, ++d) {
     const Slot& slot = slots_[i];
     if (slot.name == nullptr || Distance(i) < d) return slots_.size();
-    if (slot.name->hash == hash && slot.name->text == text) return i;
+    if (slot.hash == low && slot.name->text == text) return i;
   }
 }
 
 std::size_t FieldTable::Locate(const Name* name) const {
-  if (count_ == 0) return slots_.size();
+  if (fields_.empty()) return slots_.size();
   const std::size_t mask = slots_.size() - 1;
   for (std::size_t i = name->hash & mask, d = 0;; i = (i + 1) & mask, ++d) {
     const Slot& slot = slots_[i];
@@ -157,53 +158,40 @@ std::size_t FieldTable::Locate(const Name* name) const {
 
 const Variant* FieldTable::Find(std::wstring_view name) const {
   const std::size_t at = Locate(name, FieldNameHash(name));
-  return at == slots_.size() ? nullptr : &slots_[at].value;
+  return at == slots_.size() ? nullptr : &fields_[slots_[at].field].value;
 }
 
 const Variant* FieldTable::Find(const Name* name) const {
   const std::size_t at = Locate(name);
-  return at == slots_.size() ? nullptr : &slots_[at].value;
+  return at == slots_.size() ? nullptr : &fields_[slots_[at].field].value;
 }
 
 void FieldTable::Set(const Name* name, Variant&& value) {
   const std::size_t at = Locate(name);
   if (at != slots_.size()) {
-    slots_[at].value = std::move(value);
+    fields_[slots_[at].field].value = std::move(value);
     return;
   }
-  if (SlotsFor(count_ + 1) > slots_.size()) Rebuild(SlotsFor(count_ + 1));
-  Place(name, std::move(value));
-  ++count_;
+  if (fields_.size() >= limit_) Reserve(fields_.size() + 1);
+  Field& field = fields_.emplace_back();
+  field.name = name;
+  field.value = std::move(value);
+  Place(Slot{name, static_cast<uint32_t>(fields_.size() - 1), static_cast<uint32_t>(name->hash)});
 }
 
-void FieldTable::Place(const Name* name, Variant&& value) {
+void FieldTable::Place(Slot slot) {
   const std::size_t mask = slots_.size() - 1;
-  std::size_t i = name->hash & mask;
-  std::size_t d = 0;
-  // Most fields find a free slot before any entry has to give way; they are
-  // moved once, straight into it.
-  for (;; i = (i + 1) & mask, ++d) {
-    Slot& slot = slots_[i];
-    if (slot.name == nullptr) {
-      slot.name = name;
-      slot.value = std::move(value);
+  for (std::size_t i = slot.hash & mask, d = 0;; i = (i + 1) & mask, ++d) {
+    Slot& here = slots_[i];
+    if (here.name == nullptr) {
+      here = slot;
       return;
     }
-    if (Distance(i) < d) break;
-  }
-  // The entry nearer its home gives way; the one carried on keeps its own
-  // distance.
-  Slot carried{name, std::move(value)};
-  for (;; i = (i + 1) & mask, ++d) {
-    Slot& slot = slots_[i];
-    if (slot.name == nullptr) {
-      slot.name = carried.name;
-      slot.value = std::move(carried.value);
-      return;
-    }
+    // The slot nearer its home gives way; the one carried on keeps its own
+    // distance.
     const std::size_t distance = Distance(i);
     if (distance < d) {
-      std::swap(slot, carried);
+      std::swap(here, slot);
       d = distance;
     }
   }
@@ -212,28 +200,39 @@ void FieldTable::Place(const Name* name, Variant&& value) {
 void FieldTable::Erase(const Name* name) {
   std::size_t hole = Locate(name);
   if (hole == slots_.size()) return;
-  // The entries after it move back one slot, up to an empty slot or an entry
-  // in its home slot.
+  const uint32_t erased = slots_[hole].field;
+  // The slots after it move back one, up to an empty slot or a slot at its
+  // home.
   const std::size_t mask = slots_.size() - 1;
   for (std::size_t next = (hole + 1) & mask; slots_[next].name != nullptr && Distance(next) > 0;
        next = (next + 1) & mask) {
-    slots_[hole] = std::move(slots_[next]);
+    slots_[hole] = slots_[next];
     hole = next;
   }
   slots_[hole] = Slot{};
-  --count_;
+  // The last field takes the erased one's place in the array.
+  const auto last = static_cast<uint32_t>(fields_.size() - 1);
+  if (erased != last) {
+    fields_[erased] = std::move(fields_[last]);
+    slots_[Locate(fields_[erased].name)].field = erased;
+  }
+  fields_.pop_back();
 }
 
 void FieldTable::Reserve(std::size_t count) {
   const std::size_t size = SlotsFor(count);
   if (size > slots_.size()) Rebuild(size);
+  // The array keeps room for as many fields as the index takes, so that its
+  // values move only when the index grows.
+  limit_ = slots_.size() * 7 / 8;
+  if (limit_ > fields_.capacity()) fields_.reserve(limit_);
 }
 
 void FieldTable::Rebuild(std::size_t size) {
   std::vector<Slot> old(size);
   old.swap(slots_);
-  for (Slot& slot : old) {
-    if (slot.name != nullptr) Place(slot.name, std::move(slot.value));
+  for (const Slot& slot : old) {
+    if (slot.name != nullptr) Place(slot);
   }
 }
 

@@ -259,6 +259,10 @@ Variant CBaseData::GetValue(const wchar_t* field) {
 
 CString CBaseData::AsString(Variant value) {
   if (!value.ChangeTypeToText()) return CString();
+  // A text short enough to sit inside the string object itself is copied
+  // (moving it would copy it twice over); a longer one is taken over.
+  static const std::size_t in_place = std::wstring().capacity();
+  if (value.text().size() <= in_place) return CString(std::wstring_view(value.text()));
   return CString(value.TakeText());
 }
 
