@@ -91,13 +91,34 @@ void AppendPadded(Out& out, std::wstring_view piece, int width, bool left, bool 
 // no locale (the C runtime's wide printf is the slow part of every command).
 constexpr std::size_t kNumberBuffer = 24;
 
+// "00" to "99": numbers are written two digits per division.
+struct DigitPairs {
+  constexpr DigitPairs() {
+    for (int i = 0; i < 100; ++i) {
+      text[2 * i] = static_cast<wchar_t>(L'0' + i / 10);
+      text[2 * i + 1] = static_cast<wchar_t>(L'0' + i % 10);
+    }
+  }
+  wchar_t text[200] = {};
+};
+constexpr DigitPairs kDigitPairs;
+
 std::wstring_view WriteUnsigned(wchar_t (&buffer)[kNumberBuffer], uint64_t value, bool negative) {
   wchar_t* end = buffer + kNumberBuffer;
   wchar_t* p = end;
-  do {
-    *--p = static_cast<wchar_t>(L'0' + value % 10);
-    value /= 10;
-  } while (value != 0);
+  while (value >= 100) {
+    const auto pair = static_cast<std::size_t>(value % 100) * 2;
+    value /= 100;
+    *--p = kDigitPairs.text[pair + 1];
+    *--p = kDigitPairs.text[pair];
+  }
+  if (value >= 10) {
+    const auto pair = static_cast<std::size_t>(value) * 2;
+    *--p = kDigitPairs.text[pair + 1];
+    *--p = kDigitPairs.text[pair];
+  } else {
+    *--p = static_cast<wchar_t>(L'0' + value);
+  }
   if (negative) *--p = L'-';
   return std::wstring_view(p, static_cast<std::size_t>(end - p));
 }

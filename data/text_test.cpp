@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstdint>
+#include <string>
+#include <vector>
+
 namespace tsm {
 namespace {
 
@@ -43,6 +48,24 @@ TEST(FormatTest, WidthPaddingAndUnsigned) {
             L"4294967295|18446744073709551615");
   EXPECT_EQ(CString::Formatted(L"%X|%c|%s", 0xABCu, L'Z', 12).wstr(), L"ABC|Z|12");
   EXPECT_EQ(CString::Formatted(L"a%d b%d", 1).wstr(), L"a1 b");
+}
+
+// Numbers of every length, both ends of each width and the steps between
+// digit counts, as the standard library writes them; a prepared format
+// writes the same.
+TEST(FormatTest, NumbersOfEveryLengthAreWrittenInFull) {
+  std::vector<int64_t> values = {0, INT64_MIN, INT64_MAX, INT32_MIN, INT32_MAX};
+  for (int64_t power = 1; power <= INT64_MAX / 10; power *= 10) {
+    for (const int64_t v : {power - 1, power, power + 1, 5 * power, -power, -(power - 1), -(power + 1)}) {
+      values.push_back(v);
+    }
+  }
+  const PreparedFormat prepared(L"%I64d|%I64u");
+  for (const int64_t v : values) {
+    const std::wstring expected = std::to_wstring(v) + L"|" + std::to_wstring(static_cast<uint64_t>(v));
+    EXPECT_EQ(CString::Formatted(L"%I64d|%I64u", v, v).wstr(), expected) << v;
+    EXPECT_EQ(prepared(v, v).wstr(), expected) << v;
+  }
 }
 
 TEST(PreparedFormatTest, GivesWhatFormatGivesForTheSameTextAndArguments) {
