@@ -56,6 +56,7 @@ void BaseDataObject::EndUpdate(int32_t update_id) {
   std::wstring* text = sinks_.empty() ? nullptr : &changed;
   if (open != open_updates_.end()) {
     fields_by_name_.Reserve(fields_by_name_.size() + open->writes.size());
+    if (text != nullptr) text->reserve(ChangedTextLength(open->writes));
     for (Write& write : open->writes) ApplyLocked(write, text);
     open->writes.clear();
     spare_writes_ = std::move(open->writes);
@@ -91,6 +92,17 @@ BaseDataObject::Write BaseDataObject::MakeWrite(int32_t kind, const Variant& key
   }
   write.value = value;
   return write;
+}
+
+std::size_t BaseDataObject::ChangedTextLength(const std::vector<Write>& writes) {
+  // A field id takes at most 11 characters ("-2147483648").
+  constexpr std::size_t kIdLength = 11;
+  std::size_t length = 0;
+  for (const Write& write : writes) {
+    if (write.target == Write::Target::kField) length += write.field->text.size() + 1;
+    if (write.target == Write::Target::kFieldById) length += kIdLength + 1;
+  }
+  return length;
 }
 
 void BaseDataObject::ApplyLocked(Write& write, std::wstring* changed) {

@@ -94,6 +94,8 @@ class alignas(64) BaseDataObject final : public IBaseData {
 
   // What SetData(kind, key, value) writes; needs no lock.
   static Write MakeWrite(int32_t kind, const Variant& key, const Variant& value);
+  // Room enough for the event text of `writes` (names, commas).
+  static std::size_t ChangedTextLength(const std::vector<Write>& writes);
   // Applies one write, moving its value out; appends the written field's
   // name to `changed` (when given) for the update's event text.
   void ApplyLocked(Write& write, std::wstring* changed);
