@@ -80,8 +80,7 @@ BaseDataObject::Write BaseDataObject::MakeWrite(int32_t kind, const Variant& key
   Write write;
   if (kind == kKindFieldByName && key.type() == VarType::BStr) {
     write.target = Write::Target::kField;
-    write.field = FieldTable::Pooled(key);
-    if (write.field == nullptr) write.field = FieldTable::Intern(key.text());
+    write.field = FieldTable::Intern(key.text());
   } else if (kind == kKindFieldById && key.type() == VarType::I4) {
     write.target = Write::Target::kFieldById;
     write.id = key.i4();

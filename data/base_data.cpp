@@ -247,14 +247,14 @@ Variant CBaseData::GetData(int32_t kind, const Variant& argument) {
 }
 
 Variant CBaseData::GetValue(const CString& field) {
-  if (const Variant* key = FieldKeys::Instance().Find(field.wstr())) return GetData(kKindFieldByName, *key);
-  return GetData(kKindFieldByName, Variant::Text(field.wstr()));
+  if (const Variant* key = FieldKeys::Instance().Find(field.wstr())) return driver_.GetData(kKindFieldByName, *key);
+  return driver_.GetData(kKindFieldByName, Variant::Text(field.wstr()));
 }
 
 Variant CBaseData::GetValue(const wchar_t* field) {
   if (field == nullptr) field = L"";
-  if (const Variant* key = FieldKeys::Instance().Find(field)) return GetData(kKindFieldByName, *key);
-  return GetData(kKindFieldByName, Variant::Text(std::wstring(field)));
+  if (const Variant* key = FieldKeys::Instance().Find(field)) return driver_.GetData(kKindFieldByName, *key);
+  return driver_.GetData(kKindFieldByName, Variant::Text(std::wstring(field)));
 }
 
 CString CBaseData::AsString(Variant value) {
