@@ -31,6 +31,9 @@ class AddressPins {
     return pin->entry;
   }
 
+  // Whether the place of `at` holds a pin (of `at` or of another address).
+  bool Taken(const wchar_t* at) const { return places_[Place(at)].load(std::memory_order_acquire) != nullptr; }
+
   // Pins `entry`, named by the NUL-terminated `text` (no NUL inside the
   // name; it must live as long as the table), to `at` unless that place is
   // taken already.

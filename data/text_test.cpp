@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <cstdint>
+#include <cwchar>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,34 @@ TEST(FormatTest, NumbersOfEveryLengthAreWrittenInFull) {
     const std::wstring expected = std::to_wstring(v) + L"|" + std::to_wstring(static_cast<uint64_t>(v));
     EXPECT_EQ(CString::Formatted(L"%I64d|%I64u", v, v).wstr(), expected) << v;
     EXPECT_EQ(prepared(v, v).wstr(), expected) << v;
+  }
+}
+
+// A format is read once per address and then only checked: the same text
+// at the same address, another text there, a prefix, and a format too long
+// to keep all give what they say.
+TEST(FormatTest, AFormatAtTheSameAddressFollowsTheTextNowThere) {
+  wchar_t format[16] = L"a%db";
+  for (int round = 0; round < 2; ++round) {
+    std::wcscpy(format, L"a%db");
+    EXPECT_EQ(CString::Formatted(format, 1).wstr(), L"a1b") << round;
+    EXPECT_EQ(CString::Formatted(format, 2).wstr(), L"a2b") << round;
+    std::wcscpy(format, L"%d-%d");
+    EXPECT_EQ(CString::Formatted(format, 1, 2).wstr(), L"1-2") << round;
+    std::wcscpy(format, L"a%d");
+    EXPECT_EQ(CString::Formatted(format, 3).wstr(), L"a3") << round;
+    format[0] = L'\0';
+    EXPECT_EQ(CString::Formatted(format, 4).wstr(), L"") << round;
+  }
+  const text_internal::FormatArg five = text_internal::MakeArg(5);
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(text_internal::FormatArgs(L"x%dy", &five, 1, L"P: "), L"P: x5y") << round;
+    EXPECT_EQ(text_internal::FormatArgs(L"x%dy", &five, 1), L"x5y") << round;
+  }
+  const std::wstring long_format = std::wstring(5000, L'.') + L"%d|%s";
+  const std::wstring expected = std::wstring(5000, L'.') + L"7|end";
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(CString::Formatted(long_format.c_str(), 7, L"end").wstr(), expected) << round;
   }
 }
 
