@@ -27,48 +27,52 @@ uint32_t BaseDataObject::Release() {
 }
 
 int32_t BaseDataObject::BeginUpdate() {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   const int32_t id = ++last_update_id_;
-  open_updates_.push_back(OpenUpdate{id, {}});
+  // The room of the last closed update is reused.
+  OpenUpdate& open = open_updates_.emplace_back(OpenUpdate{id, std::exchange(spare_writes_, {})});
   // Room for a typical batch, so that it does not grow step by step.
-  open_updates_.back().writes.reserve(8);
+  if (open.writes.capacity() == 0) open.writes.reserve(8);
   return id;
 }
 
 void BaseDataObject::SetData(int32_t update_id, int32_t kind, const Variant& key, const Variant& value) {
   Write write = MakeWrite(kind, key, value);
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   for (OpenUpdate& open : open_updates_) {
     if (open.id == update_id) {
       open.writes.push_back(std::move(write));
       return;
     }
   }
-  ApplyLocked(std::move(write), nullptr);
+  ApplyLocked(write, nullptr);
 }
 
 void BaseDataObject::EndUpdate(int32_t update_id) {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   const auto open = std::find_if(open_updates_.begin(), open_updates_.end(),
                                  [update_id](const OpenUpdate& u) { return u.id == update_id; });
   std::wstring changed;
   std::wstring* text = sinks_.empty() ? nullptr : &changed;
   if (open != open_updates_.end()) {
     fields_by_name_.Reserve(fields_by_name_.size() + open->writes.size());
-    for (Write& write : open->writes) ApplyLocked(std::move(write), text);
+    if (text != nullptr) text->reserve(ChangedTextLength(open->writes));
+    for (Write& write : open->writes) ApplyLocked(write, text);
+    open->writes.clear();
+    spare_writes_ = std::move(open->writes);
     open_updates_.erase(open);
   }
   PostLocked(QueuedEvent::Kind::kUpdate, update_id, std::move(changed));
 }
 
 void BaseDataObject::WriteFirstFields(TsmField* fields, int32_t count) {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   ++last_update_id_;
   fields_by_name_.Reserve(fields_by_name_.size() + static_cast<std::size_t>(count));
   for (int32_t i = 0; i < count; ++i) {
     TsmField& field = fields[i];
     if (field.name == nullptr || field.value.IsEmpty()) continue;
-    fields_by_name_.Set(FieldTable::Intern(field.name), std::move(field.value));
+    fields_by_name_.Set(FieldTable::InternAt(field.name), std::move(field.value));
   }
 }
 
@@ -89,7 +93,18 @@ BaseDataObject::Write BaseDataObject::MakeWrite(int32_t kind, const Variant& key
   return write;
 }
 
-void BaseDataObject::ApplyLocked(Write write, std::wstring* changed) {
+std::size_t BaseDataObject::ChangedTextLength(const std::vector<Write>& writes) {
+  // A field id takes at most 11 characters ("-2147483648").
+  constexpr std::size_t kIdLength = 11;
+  std::size_t length = 0;
+  for (const Write& write : writes) {
+    if (write.target == Write::Target::kField) length += write.field->text.size() + 1;
+    if (write.target == Write::Target::kFieldById) length += kIdLength + 1;
+  }
+  return length;
+}
+
+void BaseDataObject::ApplyLocked(Write& write, std::wstring* changed) {
   switch (write.target) {
     case Write::Target::kField:
       if (write.value.IsEmpty()) {
@@ -122,11 +137,13 @@ void BaseDataObject::ApplyLocked(Write write, std::wstring* changed) {
 }
 
 Variant BaseDataObject::GetData(int32_t kind, const Variant& argument) {
-  std::lock_guard<std::mutex> guard(lock_);
+  // A key the name pool made itself names its field without being read.
+  const FieldTable::Name* pooled = kind == kKindFieldByName ? FieldTable::Pooled(argument) : nullptr;
+  std::lock_guard<ObjectLock> guard(lock_);
   switch (kind) {
     case kKindFieldByName: {
       if (argument.type() != VarType::BStr) return Variant();
-      const Variant* value = fields_by_name_.Find(argument.text());
+      const Variant* value = pooled != nullptr ? fields_by_name_.Find(pooled) : fields_by_name_.Find(argument.text());
       return value != nullptr ? *value : Variant();
     }
     case kKindFieldById: {
@@ -177,7 +194,7 @@ void BaseDataObject::SetChild(const std::wstring& field, IBaseData* child) {
   if (child != nullptr) child->AddRef();
   ChildSlot old;
   {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<ObjectLock> guard(lock_);
     const auto it = named_children_.find(field);
     if (it != named_children_.end()) {
       old = it->second;
@@ -191,26 +208,26 @@ void BaseDataObject::SetChild(const std::wstring& field, IBaseData* child) {
 void BaseDataObject::AppendChild(IBaseData* child) {
   if (child == nullptr) return;
   child->AddRef();
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   children_.push_back(ChildSlot{child, 0});
 }
 
 void BaseDataObject::ClearChildren() {
   std::vector<ChildSlot> old;
   {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<ObjectLock> guard(lock_);
     old.swap(children_);
   }
   for (const ChildSlot& slot : old) Retire(slot);
 }
 
 void BaseDataObject::FailChildReads(int32_t times) {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   failing_child_reads_ = times > 0 ? times : 0;
 }
 
 void BaseDataObject::RaiseReplace(int32_t id) {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   PostLocked(QueuedEvent::Kind::kReplace, id, std::wstring());
 }
 
@@ -234,7 +251,7 @@ HResult BaseDataObject::Advise(IBaseDataEvents* sink, uint32_t* cookie) {
   *cookie = 0;
   if (sink == nullptr) return kE_INVALIDARG;
   sink->AddRef();
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<ObjectLock> guard(lock_);
   if (++last_advise_cookie_ == 0) ++last_advise_cookie_;
   sinks_.push_back(SinkEntry{last_advise_cookie_, sink, std::make_shared<Connection>()});
   *cookie = last_advise_cookie_;
@@ -244,7 +261,7 @@ HResult BaseDataObject::Advise(IBaseDataEvents* sink, uint32_t* cookie) {
 HResult BaseDataObject::Unadvise(uint32_t cookie) {
   IBaseDataEvents* sink = nullptr;
   {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<ObjectLock> guard(lock_);
     const auto it = std::find_if(sinks_.begin(), sinks_.end(),
                                  [cookie](const SinkEntry& entry) { return entry.cookie == cookie; });
     if (it == sinks_.end()) return kE_INVALIDARG;

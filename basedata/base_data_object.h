@@ -14,11 +14,11 @@
 // child's cookie is registered on its first read and kept until the child
 // leaves its slot or the object dies.
 //
-// Threading: every method may be called from any thread; one mutex per object
-// serialises reads, writes and connection changes. Events are posted to the
-// component's event thread while that mutex is held, so the events of one
-// object are delivered in the order its updates were closed. No sink is ever
-// called with the mutex held.
+// Threading: every method may be called from any thread; one lock per object
+// (an ObjectLock) serialises reads, writes and connection changes. Events
+// are posted to the component's event thread while that lock is held, so the
+// events of one object are delivered in the order its updates were closed.
+// No sink is ever called with the lock held.
 #pragma once
 
 #include <atomic>
@@ -31,12 +31,13 @@
 
 #include "basedata/event_queue.h"
 #include "basedata/field_table.h"
+#include "basedata/object_lock.h"
 #include "tradeslice/base_data_api.h"
 
 namespace tsm::basedata {
 
 // Aligned to a cache line, and laid out so that a read of a field by name
-// finds the virtual table, the field table's header and the mutex's own word
+// finds the virtual table, the field table's header and the lock's own word
 // on the object's first line.
 class alignas(64) BaseDataObject final : public IBaseData {
  public:
@@ -93,9 +94,11 @@ class alignas(64) BaseDataObject final : public IBaseData {
 
   // What SetData(kind, key, value) writes; needs no lock.
   static Write MakeWrite(int32_t kind, const Variant& key, const Variant& value);
-  // Applies one write; appends the written field's name to `changed` (when
-  // given) for the update's event text.
-  void ApplyLocked(Write write, std::wstring* changed);
+  // Room enough for the event text of `writes` (names, commas).
+  static std::size_t ChangedTextLength(const std::vector<Write>& writes);
+  // Applies one write, moving its value out; appends the written field's
+  // name to `changed` (when given) for the update's event text.
+  void ApplyLocked(Write& write, std::wstring* changed);
   Variant PublishLocked(ChildSlot& slot);
   Variant ChildAtLocked(int32_t index);
   void PostLocked(QueuedEvent::Kind kind, int32_t id, std::wstring text);
@@ -105,7 +108,7 @@ class alignas(64) BaseDataObject final : public IBaseData {
   // Guarded by lock_, as is every member after it (declared first for the
   // layout above).
   FieldTable fields_by_name_;
-  std::mutex lock_;
+  ObjectLock lock_;
   std::atomic<uint32_t> refs_{1};
   std::wstring name_;
   std::unordered_map<int32_t, Variant> fields_by_id_;
@@ -114,6 +117,7 @@ class alignas(64) BaseDataObject final : public IBaseData {
   int32_t failing_child_reads_ = 0;
   int32_t last_update_id_ = 0;
   std::vector<OpenUpdate> open_updates_;
+  std::vector<Write> spare_writes_;  // empty; the room of the last closed update
   std::vector<SinkEntry> sinks_;
   uint32_t last_advise_cookie_ = 0;
 };

@@ -1,5 +1,6 @@
 #include "basedata/field_table.h"
 
+#include <cwchar>
 #include <random>
 #include <string>
 #include <thread>
@@ -35,6 +36,74 @@ TEST(FieldTableTest, SetFindOverwrite) {
   EXPECT_EQ(table.size(), 2u);
   EXPECT_EQ(table.Find(L"orderqty"), nullptr);
   EXPECT_EQ(table.Find(L"Order"), nullptr);
+}
+
+// A pooled name's own key is known by its address; an equal text elsewhere
+// is not that key (it is found by its text instead).
+TEST(FieldTableTest, PooledKnowsANameByItsOwnKeyOnly) {
+  for (const wchar_t* text : {L"PooledKeyQty", L"Px", L""}) {
+    const FieldTable::Name* name = N(text);
+    EXPECT_EQ(name->key, Variant::Text(text)) << text;
+    EXPECT_EQ(FieldTable::Pooled(name->key), name) << text;
+    const Variant copy = name->key;
+    EXPECT_EQ(FieldTable::Pooled(copy), nullptr) << text;
+    EXPECT_EQ(FieldTable::Pooled(Variant::Text(text)), nullptr) << text;
+  }
+  EXPECT_EQ(FieldTable::Pooled(Variant::I4(1)), nullptr);
+  EXPECT_EQ(FieldTable::Pooled(Variant()), nullptr);
+}
+
+TEST(FieldTableTest, FindByPooledNameAndByTextAgree) {
+  FieldTable table;
+  for (int i = 0; i < 100; ++i) table.Set(N(L"K" + std::to_wstring(i)), Variant::Text(L"value " + std::to_wstring(i)));
+  for (int i = 0; i < 100; ++i) {
+    const std::wstring text = L"K" + std::to_wstring(i);
+    const Variant* value = table.Find(N(text));
+    ASSERT_NE(value, nullptr) << i;
+    EXPECT_EQ(value, table.Find(text)) << i;
+    EXPECT_EQ(*value, Variant::Text(L"value " + std::to_wstring(i))) << i;
+  }
+  EXPECT_EQ(table.Find(N(L"K100")), nullptr);
+  EXPECT_EQ(FieldTable().Find(N(L"K1")), nullptr);
+}
+
+// A name interned from an address that later holds another text (shorter,
+// longer, different, empty) gives the pooled name of the text now there.
+TEST(FieldTableTest, InternAtFollowsTheTextNowAtTheAddress) {
+  wchar_t buffer[16] = L"AtAlpha";
+  const FieldTable::Name* alpha = FieldTable::InternAt(buffer);
+  EXPECT_EQ(alpha, N(L"AtAlpha"));
+  for (int round = 0; round < 2; ++round) {
+    std::wcscpy(buffer, L"AtAlpha");
+    EXPECT_EQ(FieldTable::InternAt(buffer), alpha) << round;
+    std::wcscpy(buffer, L"AtBeta");
+    EXPECT_EQ(FieldTable::InternAt(buffer), N(L"AtBeta")) << round;
+    std::wcscpy(buffer, L"AtAlphaX");
+    EXPECT_EQ(FieldTable::InternAt(buffer), N(L"AtAlphaX")) << round;
+    std::wcscpy(buffer, L"AtAlph");
+    EXPECT_EQ(FieldTable::InternAt(buffer), N(L"AtAlph")) << round;
+    buffer[0] = L'\0';
+    EXPECT_EQ(FieldTable::InternAt(buffer), N(L"")) << round;
+  }
+}
+
+// Text values of every length (held inside the variant or not) keep their
+// text through the moves of placing, giving way, growing and overwriting.
+TEST(FieldTableTest, TextValuesSurvivePlacingAndGrowth) {
+  FieldTable table;
+  const auto value_of = [](int i, int round) {
+    return Variant::Text(std::wstring(static_cast<std::size_t>(i % 9), static_cast<wchar_t>(L'a' + i % 26)) +
+                         std::to_wstring(round));
+  };
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 300; ++i) table.Set(N(L"T" + std::to_wstring(i)), value_of(i, round));
+    EXPECT_EQ(table.size(), 300u);
+    for (int i = 0; i < 300; ++i) {
+      const Variant* value = table.Find(L"T" + std::to_wstring(i));
+      ASSERT_NE(value, nullptr) << i;
+      EXPECT_EQ(*value, value_of(i, round)) << i;
+    }
+  }
 }
 
 // Enough fields to grow the index several times; every one stays readable.

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,6 +13,9 @@
 #include <rapidjson/document.h>
 #include <rapidjson/encodings.h>
 
+#include "data/address_pins.h"
+#include "data/component_field_key.h"
+#include "data/field_name_hash.h"
 #include "platform/clock.h"
 #include "platform/module_path.h"
 #include "platform/sync.h"
@@ -39,16 +41,14 @@ constexpr std::size_t kJsonStackBytes = 1024;
 
 // The VT_BSTR keys of reads by field name, made once for the process: a
 // read by a name the component spells out then builds no key of its own.
-// Look-ups take no lock (the tables are only ever added to, under a mutex,
-// and their sizes are fixed); when it holds kMaxKeys names, reads by other
-// names make their keys as before.
+// Look-ups take no lock (the table is only ever added to, under a mutex,
+// and its size is fixed); when it holds kMaxKeys names, reads by other
+// names make their keys as before. Where the component offers keys of its
+// own (ComponentFieldKey), a kept name holds the component's key, so the
+// object finds the field by the key's address.
 //
-// A name spelt out in the code sits at one address for the life of the
-// process, so the first address read from in each place of a pin table is
-// pinned to its key: a read from that address again only checks that the
-// text there is still the key's text, instead of measuring and hashing it.
-// A place once taken keeps its pin, so a buffer reused for many names (not
-// a name in the code) never makes more than one.
+// A name read from an address in the code is pinned there (AddressPins), so
+// that the next read from that address does not measure and hash it again.
 class FieldKeys {
  public:
   // Kept reachable for the life of the process: any thread may be reading.
@@ -60,49 +60,30 @@ class FieldKeys {
   // The key for the text at `name`, or null when it is not kept and there
   // is no room.
   const Variant* Find(const wchar_t* name) {
-    std::atomic<const Pin*>& place = pins_[PinSlot(name)];
-    const Pin* pin = place.load(std::memory_order_acquire);
-    if (pin != nullptr && pin->at == name && Holds(name, pin->entry->key.text())) return &pin->entry->key;
+    if (const Entry* pinned = pins_.Find(name)) return pinned->key;
     const Entry* entry = FindEntry(std::wstring_view(name));
     if (entry == nullptr) return nullptr;
-    if (pin == nullptr) {
-      std::lock_guard<std::mutex> guard(insert_lock_);
-      if (place.load(std::memory_order_relaxed) == nullptr) {
-        pins_made_.push_back(Pin{name, entry});
-        place.store(&pins_made_.back(), std::memory_order_release);
-      }
-    }
-    return &entry->key;
+    pins_.Pin(name, entry->key->text().c_str(), entry);
+    return entry->key;
+  }
+
+  // The key for `name` found by its text, or null when it is not kept and
+  // there is no room.
+  const Variant* Find(std::wstring_view name) {
+    const Entry* entry = FindEntry(name);
+    return entry != nullptr ? entry->key : nullptr;
   }
 
  private:
   static constexpr std::size_t kSlots = 1024;  // a power of two
   static constexpr std::size_t kMask = kSlots - 1;
   static constexpr std::size_t kMaxKeys = kSlots / 2;
-  static constexpr std::size_t kPinSlots = 1024;  // a power of two
 
   struct Entry {
     std::size_t hash;
-    Variant key;
+    Variant own_key;     // the key where the component offers none
+    const Variant* key;  // the component's key, or own_key; never changes
   };
-  struct Pin {
-    const wchar_t* at;
-    const Entry* entry;
-  };
-
-  static std::size_t PinSlot(const wchar_t* name) {
-    const uint64_t bits = static_cast<uint64_t>(reinterpret_cast<std::uintptr_t>(name));
-    return static_cast<std::size_t>((bits * 0x9E3779B97F4A7C15ull) >> 54) & (kPinSlots - 1);
-  }
-
-  // Whether the NUL-terminated text at `at` is exactly `text`. Stops at the
-  // first difference, so it never reads past the end of a shorter text.
-  static bool Holds(const wchar_t* at, std::wstring_view text) {
-    for (const wchar_t c : text) {
-      if (*at++ != c) return false;
-    }
-    return *at == L'\0';
-  }
 
   // Probes from slot `i` for the key; leaves `i` at the empty slot that ends
   // the probe when the key is not there.
@@ -110,28 +91,34 @@ class FieldKeys {
     for (;; i = (i + 1) & kMask) {
       const Entry* entry = slots_[i].load(std::memory_order_acquire);
       if (entry == nullptr) return nullptr;
-      if (entry->hash == hash && entry->key.text() == name) return entry;
+      if (entry->hash == hash && entry->key->text() == name) return entry;
     }
   }
 
   const Entry* FindEntry(std::wstring_view name) {
-    const std::size_t hash = Fnv1aHash(name);
+    const std::size_t hash = FieldNameHash(name);
     std::size_t i = hash & kMask;
     if (const Entry* entry = Probe(i, hash, name)) return entry;
     std::lock_guard<std::mutex> guard(insert_lock_);
     // Another thread may have added it, at this slot or after it.
     if (const Entry* entry = Probe(i, hash, name)) return entry;
     if (entries_.size() >= kMaxKeys) return nullptr;
-    entries_.push_back(std::make_unique<Entry>(Entry{hash, Variant::Text(std::wstring(name))}));
+    auto entry = std::make_unique<Entry>();
+    entry->hash = hash;
+    entry->key = ComponentFieldKey(name);
+    if (entry->key == nullptr) {
+      entry->own_key = Variant::Text(std::wstring(name));
+      entry->key = &entry->own_key;
+    }
+    entries_.push_back(std::move(entry));
     slots_[i].store(entries_.back().get(), std::memory_order_release);
     return entries_.back().get();
   }
 
   std::atomic<const Entry*> slots_[kSlots] = {};
-  std::atomic<const Pin*> pins_[kPinSlots] = {};
-  std::mutex insert_lock_;                        // guards entries_, pins_made_ and every insertion
+  AddressPins<Entry> pins_;
+  std::mutex insert_lock_;                        // guards entries_ and every insertion
   std::vector<std::unique_ptr<Entry>> entries_;   // the keys kept
-  std::deque<Pin> pins_made_;                     // one per place taken; never moved
 };
 
 }  // namespace
@@ -259,16 +246,23 @@ Variant CBaseData::GetData(int32_t kind, const Variant& argument) {
   return driver_.GetData(kind, argument);
 }
 
-Variant CBaseData::GetValue(const CString& field) { return GetData(kKindFieldByName, Variant::Text(field.wstr())); }
+Variant CBaseData::GetValue(const CString& field) {
+  if (const Variant* key = FieldKeys::Instance().Find(field.wstr())) return driver_.GetData(kKindFieldByName, *key);
+  return driver_.GetData(kKindFieldByName, Variant::Text(field.wstr()));
+}
 
 Variant CBaseData::GetValue(const wchar_t* field) {
   if (field == nullptr) field = L"";
-  if (const Variant* key = FieldKeys::Instance().Find(field)) return GetData(kKindFieldByName, *key);
-  return GetData(kKindFieldByName, Variant::Text(std::wstring(field)));
+  if (const Variant* key = FieldKeys::Instance().Find(field)) return driver_.GetData(kKindFieldByName, *key);
+  return driver_.GetData(kKindFieldByName, Variant::Text(std::wstring(field)));
 }
 
 CString CBaseData::AsString(Variant value) {
   if (!value.ChangeTypeToText()) return CString();
+  // A text short enough to sit inside the string object itself is copied
+  // (moving it would copy it twice over); a longer one is taken over.
+  static const std::size_t in_place = std::wstring().capacity();
+  if (value.text().size() <= in_place) return CString(std::wstring_view(value.text()));
   return CString(value.TakeText());
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "basedata/base_data_entry.h"
+#include "data/component_field_key.h"
 #include "platform/module_path.h"
 #include "platform/virtual_clock.h"
 #include "testing/component_binding.h"
@@ -244,6 +245,44 @@ TEST(BaseDataTest, ReadFromTheSameAddressFollowsTheTextNowThere) {
     name[0] = L'\0';
     EXPECT_EQ(record.GetString(name), CString()) << round;
   }
+}
+
+// Reads by a name held in a CString find the same fields as reads by the
+// literal, also for more distinct names than the record keeps keys for.
+TEST(BaseDataTest, ReadsByCStringNamesFindTheirOwnField) {
+  ObjectPtr object = NewObject();
+  CBaseData record;
+  record.Initialize(nullptr, BindingOf(object.get()));
+  const int kNames = 1200;
+  for (int i = 0; i < kNames; ++i) Write(record, (L"Named" + std::to_wstring(i)).c_str(), Variant::I4(i));
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < kNames; ++i) {
+      const CString name(L"Named" + std::to_wstring(i));
+      ASSERT_EQ(record.GetLong(name, -1), i) << round;
+      ASSERT_EQ(record.GetString(name), CString(std::to_wstring(i))) << round;
+    }
+  }
+  EXPECT_EQ(record.GetLong(CString(L"Named"), -1), -1);
+  EXPECT_EQ(record.GetValue(CString()), Variant());
+}
+
+// Where the component offers keys of its own, a write or read by the key
+// reaches the same field as one by its text.
+TEST(BaseDataTest, ComponentKeyNamesTheSameFieldAsItsText) {
+  const Variant* key = ComponentFieldKey(L"KeyedQty");
+  if (key == nullptr) GTEST_SKIP() << "the component offers no keys of its own here";
+  EXPECT_EQ(*key, Variant::Text(L"KeyedQty"));
+  EXPECT_EQ(ComponentFieldKey(L"KeyedQty"), key);
+  ObjectPtr object = NewObject();
+  CBaseData record;
+  record.Initialize(nullptr, BindingOf(object.get()));
+  Write(record, L"KeyedQty", Variant::I4(5));
+  EXPECT_EQ(record.GetData(kKindFieldByName, *key), Variant::I4(5));
+  const int32_t update_id = record.BeginUpdate();
+  record.SetData(update_id, kKindFieldByName, *key, Variant::Text(L"six"));
+  record.EndUpdate(update_id);
+  EXPECT_EQ(record.GetString(L"KeyedQty"), CString(L"six"));
+  EXPECT_EQ(record.GetData(kKindFieldByName, Variant::Text(L"KeyedQty")), Variant::Text(L"six"));
 }
 
 TEST(BaseDataTest, GetLongTakesI4AndIgnoresOtherTypes) {

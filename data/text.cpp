@@ -4,6 +4,11 @@
 #include <climits>
 #include <cwchar>
 #include <cwctype>
+#include <deque>
+#include <mutex>
+#include <vector>
+
+#include "data/address_pins.h"
 
 namespace tsm {
 
@@ -91,13 +96,34 @@ void AppendPadded(Out& out, std::wstring_view piece, int width, bool left, bool 
 // no locale (the C runtime's wide printf is the slow part of every command).
 constexpr std::size_t kNumberBuffer = 24;
 
+// "00" to "99": numbers are written two digits per division.
+struct DigitPairs {
+  constexpr DigitPairs() {
+    for (int i = 0; i < 100; ++i) {
+      text[2 * i] = static_cast<wchar_t>(L'0' + i / 10);
+      text[2 * i + 1] = static_cast<wchar_t>(L'0' + i % 10);
+    }
+  }
+  wchar_t text[200] = {};
+};
+constexpr DigitPairs kDigitPairs;
+
 std::wstring_view WriteUnsigned(wchar_t (&buffer)[kNumberBuffer], uint64_t value, bool negative) {
   wchar_t* end = buffer + kNumberBuffer;
   wchar_t* p = end;
-  do {
-    *--p = static_cast<wchar_t>(L'0' + value % 10);
-    value /= 10;
-  } while (value != 0);
+  while (value >= 100) {
+    const auto pair = static_cast<std::size_t>(value % 100) * 2;
+    value /= 100;
+    *--p = kDigitPairs.text[pair + 1];
+    *--p = kDigitPairs.text[pair];
+  }
+  if (value >= 10) {
+    const auto pair = static_cast<std::size_t>(value) * 2;
+    *--p = kDigitPairs.text[pair + 1];
+    *--p = kDigitPairs.text[pair];
+  } else {
+    *--p = static_cast<wchar_t>(L'0' + value);
+  }
   if (negative) *--p = L'-';
   return std::wstring_view(p, static_cast<std::size_t>(end - p));
 }
@@ -206,6 +232,72 @@ class ReservedOutput {
   wchar_t* at_;  // where the next piece goes
 };
 
+// The text of `steps` after `prefix`, written into one string sized up front.
+std::wstring WritePrepared(const FormatStep* steps, std::size_t step_count, const FormatArg* args,
+                           std::size_t count, std::wstring_view prefix) {
+  // No step writes more than its literal, its width and a number, or its
+  // argument's text where that is longer.
+  std::size_t capacity = prefix.size();
+  for (std::size_t i = 0; i < step_count; ++i) {
+    capacity += steps[i].literal.size() + static_cast<std::size_t>(steps[i].width) + kNumberBuffer;
+  }
+  for (std::size_t i = 0; i < count; ++i) capacity += args[i].text_length;
+  ReservedOutput out(capacity);
+  out.Append(prefix);
+  std::size_t next = 0;
+  for (std::size_t i = 0; i < step_count; ++i) WritePiece(out, steps[i], args, count, next);
+  return out.Take();
+}
+
+// A format text read once into its steps, whose literals point into `text`.
+struct KeptFormat {
+  std::wstring text;
+  std::vector<FormatStep> steps;
+};
+
+// The formats of FormatArgs, read once and kept by the address of their
+// text (AddressPins): a format spelt out in the code is not read again on
+// every call, only checked to be the same text. Formats longer than
+// kMaxLength, and those whose place in the table another address holds, are
+// read on every call as before.
+class KeptFormats {
+ public:
+  // Kept reachable for the life of the process: any thread may be formatting.
+  static KeptFormats& Instance() {
+    static KeptFormats* kept = new KeptFormats();
+    return *kept;
+  }
+
+  // The steps of the NUL-terminated `format`, or null when it is not kept.
+  const KeptFormat* Find(const wchar_t* format) {
+    if (const KeptFormat* kept = pins_.Find(format)) return kept;
+    return Keep(format);
+  }
+
+ private:
+  static constexpr std::size_t kMaxLength = 4096;
+
+  const KeptFormat* Keep(const wchar_t* format) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (pins_.Taken(format)) return nullptr;
+    const std::size_t length = std::wcslen(format);
+    if (length > kMaxLength) return nullptr;
+    KeptFormat& kept = kept_.emplace_back();
+    kept.text.assign(format, length);
+    FormatStep step;
+    for (const wchar_t* p = kept.text.c_str(); p != nullptr;) {
+      p = ReadStep(p, &step);
+      kept.steps.push_back(step);
+    }
+    pins_.Pin(format, kept.text.c_str(), &kept);
+    return &kept;
+  }
+
+  AddressPins<KeptFormat> pins_;
+  std::mutex lock_;              // guards kept_ and every keeping
+  std::deque<KeptFormat> kept_;  // never moved
+};
+
 }  // namespace
 
 // Sizes follow the Windows (LLP64) C runtime: %d and %ld print 32 bits,
@@ -245,6 +337,11 @@ const wchar_t* ReadStep(const wchar_t* p, FormatStep* step) {
 }
 
 std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_t count, std::wstring_view prefix) {
+  if (format != nullptr) {
+    if (const KeptFormat* kept = KeptFormats::Instance().Find(format)) {
+      return WritePrepared(kept->steps.data(), kept->steps.size(), args, count, prefix);
+    }
+  }
   Output out;
   out.Append(prefix);
   std::size_t next = 0;
@@ -258,17 +355,7 @@ std::wstring FormatArgs(const wchar_t* format, const FormatArg* args, std::size_
 
 std::wstring FormatPrepared(const FormatStep* steps, std::size_t step_count, const FormatArg* args,
                             std::size_t count) {
-  // No step writes more than its literal, its width and a number, or its
-  // argument's text where that is longer.
-  std::size_t capacity = 0;
-  for (std::size_t i = 0; i < step_count; ++i) {
-    capacity += steps[i].literal.size() + static_cast<std::size_t>(steps[i].width) + kNumberBuffer;
-  }
-  for (std::size_t i = 0; i < count; ++i) capacity += args[i].text_length;
-  ReservedOutput out(capacity);
-  std::size_t next = 0;
-  for (std::size_t i = 0; i < step_count; ++i) WritePiece(out, steps[i], args, count, next);
-  return out.Take();
+  return WritePrepared(steps, step_count, args, count, std::wstring_view());
 }
 
 }  // namespace text_internal

@@ -2,6 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstdint>
+#include <cwchar>
+#include <string>
+#include <vector>
+
 namespace tsm {
 namespace {
 
@@ -43,6 +49,52 @@ TEST(FormatTest, WidthPaddingAndUnsigned) {
             L"4294967295|18446744073709551615");
   EXPECT_EQ(CString::Formatted(L"%X|%c|%s", 0xABCu, L'Z', 12).wstr(), L"ABC|Z|12");
   EXPECT_EQ(CString::Formatted(L"a%d b%d", 1).wstr(), L"a1 b");
+}
+
+// Numbers of every length, both ends of each width and the steps between
+// digit counts, as the standard library writes them; a prepared format
+// writes the same.
+TEST(FormatTest, NumbersOfEveryLengthAreWrittenInFull) {
+  std::vector<int64_t> values = {0, INT64_MIN, INT64_MAX, INT32_MIN, INT32_MAX};
+  for (int64_t power = 1; power <= INT64_MAX / 10; power *= 10) {
+    for (const int64_t v : {power - 1, power, power + 1, 5 * power, -power, -(power - 1), -(power + 1)}) {
+      values.push_back(v);
+    }
+  }
+  const PreparedFormat prepared(L"%I64d|%I64u");
+  for (const int64_t v : values) {
+    const std::wstring expected = std::to_wstring(v) + L"|" + std::to_wstring(static_cast<uint64_t>(v));
+    EXPECT_EQ(CString::Formatted(L"%I64d|%I64u", v, v).wstr(), expected) << v;
+    EXPECT_EQ(prepared(v, v).wstr(), expected) << v;
+  }
+}
+
+// A format is read once per address and then only checked: the same text
+// at the same address, another text there, a prefix, and a format too long
+// to keep all give what they say.
+TEST(FormatTest, AFormatAtTheSameAddressFollowsTheTextNowThere) {
+  wchar_t format[16] = L"a%db";
+  for (int round = 0; round < 2; ++round) {
+    std::wcscpy(format, L"a%db");
+    EXPECT_EQ(CString::Formatted(format, 1).wstr(), L"a1b") << round;
+    EXPECT_EQ(CString::Formatted(format, 2).wstr(), L"a2b") << round;
+    std::wcscpy(format, L"%d-%d");
+    EXPECT_EQ(CString::Formatted(format, 1, 2).wstr(), L"1-2") << round;
+    std::wcscpy(format, L"a%d");
+    EXPECT_EQ(CString::Formatted(format, 3).wstr(), L"a3") << round;
+    format[0] = L'\0';
+    EXPECT_EQ(CString::Formatted(format, 4).wstr(), L"") << round;
+  }
+  const text_internal::FormatArg five = text_internal::MakeArg(5);
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(text_internal::FormatArgs(L"x%dy", &five, 1, L"P: "), L"P: x5y") << round;
+    EXPECT_EQ(text_internal::FormatArgs(L"x%dy", &five, 1), L"x5y") << round;
+  }
+  const std::wstring long_format = std::wstring(5000, L'.') + L"%d|%s";
+  const std::wstring expected = std::wstring(5000, L'.') + L"7|end";
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(CString::Formatted(long_format.c_str(), 7, L"end").wstr(), expected) << round;
+  }
 }
 
 TEST(PreparedFormatTest, GivesWhatFormatGivesForTheSameTextAndArguments) {

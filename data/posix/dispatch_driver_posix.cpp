@@ -4,7 +4,9 @@
 #include <utility>
 
 #include "basedata/base_data_entry.h"
+#include "basedata/posix/field_key_export.h"
 #include "data/base_data.h"
+#include "data/component_field_key.h"
 #include "data/dispatch_driver.h"
 #include "platform/module_path.h"
 
@@ -108,6 +110,8 @@ ComponentObject* InterfaceTableRef::Get(uint32_t cookie) {
 void InterfaceTableRef::Revoke(uint32_t cookie) {
   static_cast<IGlobalInterfaceTable*>(table_)->RevokeInterfaceFromGlobal(cookie);
 }
+
+const Variant* ComponentFieldKey(std::wstring_view name) { return TsmFieldKey(name.data(), name.size()); }
 
 bool LoadComponentObject(const std::wstring& path, void** module, ComponentObject** object) {
   *object = nullptr;

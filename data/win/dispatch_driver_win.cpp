@@ -12,6 +12,7 @@
 
 #include "basedata/base_data_guids.h"
 #include "data/base_data.h"
+#include "data/component_field_key.h"
 #include "data/dispatch_driver.h"
 #include "platform/module_hold.h"
 #include "platform/win/com_win.h"
@@ -286,6 +287,10 @@ ComponentObject* InterfaceTableRef::Get(uint32_t cookie) {
 void InterfaceTableRef::Revoke(uint32_t cookie) {
   static_cast<::IGlobalInterfaceTable*>(table_)->RevokeInterfaceFromGlobal(cookie);
 }
+
+// A key crosses IDispatch as a BSTR copy: an address means nothing to the
+// object on the other side.
+const Variant* ComponentFieldKey(std::wstring_view) { return nullptr; }
 
 bool LoadComponentObject(const std::wstring& path, void** module, ComponentObject** object) {
   *object = nullptr;
