@@ -27,7 +27,7 @@ class ComApartment {
   ComApartment& operator=(const ComApartment&) = delete;
 
  private:
-  bool entered_ = false;
+  [[maybe_unused]] bool entered_ = false;  // read only where there is COM
 };
 
 // Gives the pages of the calling thread's stack that lie more than

@@ -284,7 +284,7 @@ class SimExchange {
 
   SimHost& host_;
   HostLoop& loop_;
-  IClock& clock_;
+  [[maybe_unused]] IClock& clock_;  // not read: every delay goes through `loop_`
   std::shared_ptr<Gate> gate_;
   mutable std::mutex lock_;  // guards every member below
   INordaManager* manager_ = nullptr;
