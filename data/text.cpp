@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cwchar>
 #include <cwctype>
 #include <deque>
@@ -11,6 +12,54 @@
 #include "data/address_pins.h"
 
 namespace tsm {
+
+namespace {
+
+// "00" to "99": numbers are written two digits per division.
+struct DigitPairs {
+  constexpr DigitPairs() {
+    for (int i = 0; i < 100; ++i) {
+      text[2 * i] = static_cast<wchar_t>(L'0' + i / 10);
+      text[2 * i + 1] = static_cast<wchar_t>(L'0' + i % 10);
+    }
+  }
+  wchar_t text[200] = {};
+};
+constexpr DigitPairs kDigitPairs;
+
+template <typename Unsigned>
+wchar_t* WriteMagnitudeBefore(wchar_t* p, Unsigned value) {
+  while (value >= 100) {
+    const auto pair = static_cast<std::size_t>(value % 100) * 2;
+    value /= 100;
+    *--p = kDigitPairs.text[pair + 1];
+    *--p = kDigitPairs.text[pair];
+  }
+  if (value >= 10) {
+    const auto pair = static_cast<std::size_t>(value) * 2;
+    *--p = kDigitPairs.text[pair + 1];
+    *--p = kDigitPairs.text[pair];
+  } else {
+    *--p = static_cast<wchar_t>(L'0' + value);
+  }
+  return p;
+}
+
+}  // namespace
+
+wchar_t* WriteUnsignedBefore(wchar_t* end, uint64_t value) {
+  // Values that fit 32 bits take the cheaper 32-bit division.
+  return value <= UINT32_MAX ? WriteMagnitudeBefore(end, static_cast<uint32_t>(value))
+                             : WriteMagnitudeBefore(end, value);
+}
+
+wchar_t* WriteDecimalBefore(wchar_t* end, int64_t value) {
+  // The magnitude of the smallest value does not fit int64_t; take it unsigned.
+  const uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  wchar_t* p = WriteUnsignedBefore(end, magnitude);
+  if (value < 0) *--p = L'-';
+  return p;
+}
 
 namespace text_internal {
 
@@ -92,46 +141,20 @@ void AppendPadded(Out& out, std::wstring_view piece, int width, bool left, bool 
   }
 }
 
-// Numbers are written backwards into the end of a caller's buffer: no heap,
-// no locale (the C runtime's wide printf is the slow part of every command).
+// Numbers are written backwards into the end of a caller's buffer.
 constexpr std::size_t kNumberBuffer = 24;
 
-// "00" to "99": numbers are written two digits per division.
-struct DigitPairs {
-  constexpr DigitPairs() {
-    for (int i = 0; i < 100; ++i) {
-      text[2 * i] = static_cast<wchar_t>(L'0' + i / 10);
-      text[2 * i + 1] = static_cast<wchar_t>(L'0' + i % 10);
-    }
-  }
-  wchar_t text[200] = {};
-};
-constexpr DigitPairs kDigitPairs;
-
 std::wstring_view WriteUnsigned(wchar_t (&buffer)[kNumberBuffer], uint64_t value, bool negative) {
-  wchar_t* end = buffer + kNumberBuffer;
-  wchar_t* p = end;
-  while (value >= 100) {
-    const auto pair = static_cast<std::size_t>(value % 100) * 2;
-    value /= 100;
-    *--p = kDigitPairs.text[pair + 1];
-    *--p = kDigitPairs.text[pair];
-  }
-  if (value >= 10) {
-    const auto pair = static_cast<std::size_t>(value) * 2;
-    *--p = kDigitPairs.text[pair + 1];
-    *--p = kDigitPairs.text[pair];
-  } else {
-    *--p = static_cast<wchar_t>(L'0' + value);
-  }
+  wchar_t* const end = buffer + kNumberBuffer;
+  wchar_t* p = WriteUnsignedBefore(end, value);
   if (negative) *--p = L'-';
   return std::wstring_view(p, static_cast<std::size_t>(end - p));
 }
 
 std::wstring_view WriteSigned(wchar_t (&buffer)[kNumberBuffer], int64_t value) {
-  // The magnitude of the smallest value does not fit int64_t; take it unsigned.
-  const uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-  return WriteUnsigned(buffer, magnitude, value < 0);
+  wchar_t* const end = buffer + kNumberBuffer;
+  const wchar_t* p = WriteDecimalBefore(end, value);
+  return std::wstring_view(p, static_cast<std::size_t>(end - p));
 }
 
 std::wstring_view WriteHex(wchar_t (&buffer)[kNumberBuffer], uint64_t value, bool upper) {

@@ -151,6 +151,17 @@ std::wstring_view TokenizeView(std::wstring_view text, std::wstring_view delimit
 // empty pieces kept. False (and empty text) when there are fewer pieces.
 bool AfxExtractSubString(CString& out, const CString& full, int index, wchar_t separator);
 
+// The most characters a 64-bit number takes in decimal ("-9223372036854775808",
+// or an unsigned one's 20 digits).
+inline constexpr std::size_t kDecimalMax = 20;
+
+// Decimal text written backwards so that it ends just before `end`, which
+// has room for kDecimalMax characters before it; returns where it starts.
+// No heap and no locale: the C runtime's wide printf is the slow part of
+// every command and key.
+wchar_t* WriteDecimalBefore(wchar_t* end, int64_t value);
+wchar_t* WriteUnsignedBefore(wchar_t* end, uint64_t value);
+
 // The Windows C runtime's _wtol/_wtoi: leading white space, an optional sign,
 // decimal digits up to the first other character; saturates at the 32-bit
 // limits. _wtoi64 likewise with 64 bits.

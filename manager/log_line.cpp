@@ -6,51 +6,6 @@
 
 namespace tsm {
 
-namespace {
-
-// "00" to "99", two characters each: numbers are written two digits a step.
-struct DigitPairs {
-  wchar_t text[200];
-  constexpr DigitPairs() : text() {
-    for (int i = 0; i < 100; ++i) {
-      text[2 * i] = static_cast<wchar_t>(L'0' + i / 10);
-      text[2 * i + 1] = static_cast<wchar_t>(L'0' + i % 10);
-    }
-  }
-};
-constexpr DigitPairs kDigitPairs;
-
-template <typename Unsigned>
-wchar_t* WriteMagnitudeBefore(wchar_t* p, Unsigned value) {
-  while (value >= 100) {
-    const auto pair = static_cast<std::size_t>(value % 100) * 2;
-    value /= 100;
-    *--p = kDigitPairs.text[pair + 1];
-    *--p = kDigitPairs.text[pair];
-  }
-  if (value >= 10) {
-    const auto pair = static_cast<std::size_t>(value) * 2;
-    *--p = kDigitPairs.text[pair + 1];
-    *--p = kDigitPairs.text[pair];
-  } else {
-    *--p = static_cast<wchar_t>(L'0' + value);
-  }
-  return p;
-}
-
-// Writes `value` in signed decimal ending just before `end`; returns where it
-// starts. Values that fit 32 bits take the cheaper 32-bit division.
-wchar_t* WriteDecimalBefore(wchar_t* end, int64_t value) {
-  // The magnitude of the smallest value does not fit int64_t; take it unsigned.
-  const uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-  wchar_t* p = magnitude <= UINT32_MAX ? WriteMagnitudeBefore(end, static_cast<uint32_t>(magnitude))
-                                       : WriteMagnitudeBefore(end, magnitude);
-  if (value < 0) *--p = L'-';
-  return p;
-}
-
-}  // namespace
-
 wchar_t* WriteDecimal(wchar_t* out, int64_t value) {
   wchar_t digits[kDecimalMax];
   wchar_t* const end = digits + kDecimalMax;

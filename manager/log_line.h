@@ -17,9 +17,6 @@
 
 namespace tsm {
 
-// The most characters a 64-bit number takes in decimal.
-inline constexpr std::size_t kDecimalMax = 20;
-
 // Appends `value` in signed decimal.
 void AppendDecimal(std::wstring& out, int64_t value);
 // Writes `value` in signed decimal at `out`, which has room for kDecimalMax

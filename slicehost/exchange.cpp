@@ -15,27 +15,10 @@ namespace tsm::sim {
 
 namespace {
 
-// Decimal text of a number, written digit by digit: std::to_wstring and
-// the formatter both go through a wide printf, which costs more than the
-// rest of making a child's key.
-constexpr size_t kDecimalDigits = 20;  // "-9223372036854775808"
-
-// Writes the text backwards ending at `end`; returns where it starts.
-wchar_t* WriteDecimal(int64_t value, wchar_t* end) {
-  wchar_t* at = end;
-  uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-  do {
-    *--at = static_cast<wchar_t>(L'0' + magnitude % 10);
-    magnitude /= 10;
-  } while (magnitude != 0);
-  if (value < 0) *--at = L'-';
-  return at;
-}
-
 std::wstring Decimal(int64_t value) {
-  wchar_t digits[kDecimalDigits];
-  wchar_t* const end = digits + kDecimalDigits;
-  return std::wstring(WriteDecimal(value, end), end);
+  wchar_t digits[kDecimalMax];
+  wchar_t* const end = digits + kDecimalMax;
+  return std::wstring(WriteDecimalBefore(end, value), end);
 }
 
 const std::wstring kOrderIdPrefix = L"X";
@@ -43,9 +26,9 @@ const std::wstring kParentKeyPrefix = L"P";
 
 // `prefix` followed by the decimal text of `value`, made in one string.
 std::wstring PrefixedDecimal(const std::wstring& prefix, int64_t value) {
-  wchar_t digits[kDecimalDigits];
-  wchar_t* const end = digits + kDecimalDigits;
-  const wchar_t* const start = WriteDecimal(value, end);
+  wchar_t digits[kDecimalMax];
+  wchar_t* const end = digits + kDecimalMax;
+  const wchar_t* const start = WriteDecimalBefore(end, value);
   std::wstring out;
   out.reserve(prefix.size() + static_cast<size_t>(end - start));
   out.append(prefix).append(start, static_cast<size_t>(end - start));
