@@ -177,16 +177,6 @@ std::string Utf8FromWide(std::wstring_view wide);
 std::u16string Utf16FromWide(std::wstring_view wide);
 std::wstring WideFromUtf16(std::u16string_view utf16);
 
-// FNV-1a over the characters: quick for the short field names it hashes.
-inline std::size_t Fnv1aHash(std::wstring_view text) {
-  uint64_t hash = 14695981039346656037ull;
-  for (wchar_t c : text) {
-    hash ^= static_cast<uint64_t>(c);
-    hash *= 1099511628211ull;
-  }
-  return static_cast<std::size_t>(hash);
-}
-
 }  // namespace tsm
 
 template <>
